@@ -1,0 +1,249 @@
+// The bencode dictionary: owned values under byte-string keys in ascending bytewise order, optionally bound
+// to a file.
+#include <iterator>
+#include <memory>
+
+#include "AppLog.h"
+#include "PhoneHome/Bencode.h"
+
+#define BENCODE_FAILURE(call, code, ...) \
+  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+
+CBencodeDictionary::CBencodeDictionary(bool spool) : CBencode(eDictionary), m_pStream(nullptr), m_bSpool(spool) {}
+
+CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result, bool spool)
+    : CBencode(eDictionary), m_pStream(nullptr), m_bSpool(spool) {
+  SetBencodeFileName(fileName);
+  result = Internalize();
+  if (result != eBencodeOk) {
+    BENCODE_FAILURE("Internalize", result, "Bencode dictionary internalize failed");
+    Reset();
+  }
+}
+
+CBencodeDictionary::~CBencodeDictionary() {
+  Reset();
+  delete m_pStream;
+}
+
+void CBencodeDictionary::SetBencodeFileName(std::string const& fileName) {
+  if (m_pStream != nullptr) {
+    m_pStream->SetFileName(fileName);
+  } else {
+    m_pStream = new CBencodeStream(fileName, m_bSpool);
+  }
+}
+
+EBencodeResult CBencodeDictionary::Internalize() {
+  if (m_pStream == nullptr) return eBencodeNoStream;
+  EBencodeResult const loaded = m_pStream->LoadStream();
+  if (loaded != eBencodeOk) return loaded;
+  return Internalize(*m_pStream) ? eBencodeOk : eBencodeIllegalData;
+}
+
+EBencodeResult CBencodeDictionary::Externalize(bool flush) {
+  // Deliberately returns without a log line, unlike the list; kept as the dictionary has always behaved.
+  if (m_pStream == nullptr) return eBencodeNoStream;
+  if (!m_pStream->Seekp(0, std::ios_base::beg)) m_pStream->Clear();
+  if (!Externalize(*m_pStream)) return eBencodeError;
+  if (!flush) return eBencodeOk;
+
+  bool wroteSideFile = false;
+  EBencodeResult const flushed = m_pStream->FlushStream(wroteSideFile);
+  if (flushed != eBencodeOk) {
+    BENCODE_FAILURE("FlushStream", flushed, "Failed to flush stream to the file");
+  } else if (m_bSpool && !wroteSideFile) {
+    Reset();  // handed over to the consumer
+  }
+  m_pStream->ResetStream();
+  return flushed;
+}
+
+bool CBencodeDictionary::Insert(std::string const& key, long value) { return Insert(key, new CBencode(value)); }
+
+bool CBencodeDictionary::Insert(std::string const& key, std::string const& value) {
+  return Insert(key, new CBencode(value));
+}
+
+bool CBencodeDictionary::Insert(std::string const& key, CBencode* value) {
+  CBencode*& slot = m_items[key];
+  delete slot;
+  slot = value;
+  return true;
+}
+
+bool CBencodeDictionary::Add(std::string const& key, long delta) {
+  ItemMap::iterator const found = m_items.find(key);
+  if (found == m_items.end()) return Insert(key, delta);
+  return found->second != nullptr && found->second->Add(delta);
+}
+
+bool CBencodeDictionary::Get(std::string const& key, long& value) {
+  ItemMap::const_iterator const found = m_items.find(key);
+  return found != m_items.end() && found->second != nullptr && found->second->Get(value);
+}
+
+bool CBencodeDictionary::Get(std::string const& key, std::string& value) {
+  ItemMap::const_iterator const found = m_items.find(key);
+  return found != m_items.end() && found->second != nullptr && found->second->Get(value);
+}
+
+bool CBencodeDictionary::Get(std::string const& key, CBencodeList*& list, bool create) {
+  ItemMap::iterator const found = m_items.find(key);
+  if (found == m_items.end()) {
+    if (!create) return false;
+    list = new CBencodeList(true);
+    m_items.emplace(key, list);
+    return true;
+  }
+  list = dynamic_cast<CBencodeList*>(found->second);
+  if (list == nullptr) {
+    BENCODE_FAILURE("Get", eBencodeError, "Dictionary item is not a list");
+    return false;
+  }
+  return true;
+}
+
+bool CBencodeDictionary::Get(std::string const& key, CBencodeDictionary*& dict, bool create) {
+  ItemMap::iterator const found = m_items.find(key);
+  if (found == m_items.end()) {
+    if (!create) return false;
+    dict = new CBencodeDictionary(true);
+    m_items.emplace(key, dict);
+    return true;
+  }
+  dict = dynamic_cast<CBencodeDictionary*>(found->second);
+  if (dict == nullptr) {
+    BENCODE_FAILURE("Get", eBencodeError, "Dictionary item is not a dictionary");
+    return false;
+  }
+  return true;
+}
+
+bool CBencodeDictionary::GetContentType(std::string const& key, CBencode::EContentType& type) {
+  ItemMap::const_iterator const found = m_items.find(key);
+  if (found == m_items.end() || found->second == nullptr) return false;
+  type = found->second->GetType();
+  return true;
+}
+
+bool CBencodeDictionary::Remove(std::string const& key) {
+  ItemMap::iterator const found = m_items.find(key);
+  if (found == m_items.end()) return false;
+  delete found->second;
+  m_items.erase(found);
+  return true;
+}
+
+void CBencodeDictionary::Reset() {
+  for (ItemMap::value_type& entry : m_items) delete entry.second;
+  m_items.clear();
+}
+
+// Compares the values pairwise in key order and deliberately ignores the keys themselves: the equality is kept
+// as the dictionary has always defined it.
+bool CBencodeDictionary::operator==(CBencode const& other) const {
+  if (other.GetType() != eDictionary) return false;
+  CBencodeDictionary const* dict = dynamic_cast<CBencodeDictionary const*>(&other);
+  if (dict == nullptr || dict->m_items.size() != m_items.size()) return false;
+  for (ItemMap::const_iterator mine = m_items.begin(), theirs = dict->m_items.begin(); mine != m_items.end();
+       ++mine, ++theirs) {
+    if (mine->second == nullptr || theirs->second == nullptr) return false;
+    if (!(*mine->second == *theirs->second)) return false;
+  }
+  return true;
+}
+
+bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
+  stream.Write("d", 1);
+  if (!stream.Good()) {
+    BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize dictionary type identifier");
+    return false;
+  }
+  for (ItemMap::value_type const& entry : m_items) {
+    if (entry.second == nullptr) {
+      BENCODE_FAILURE("Externalize", eBencodeError, "Dictionary item is NULL");
+      return false;
+    }
+    stream << static_cast<long>(entry.first.size());
+    stream.Write(":", 1);
+    stream << entry.first;
+    if (!stream.Good()) {
+      BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize key string");
+      return false;
+    }
+    if (!entry.second->Externalize(stream)) {
+      BENCODE_FAILURE("Externalize", eBencodeError, "Failed to externalize value");
+      return false;
+    }
+  }
+  stream.Write("e", 1);
+  return stream.Good();
+}
+
+bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
+  char c = 0;
+  stream.Read(&c, 1);
+  if (stream.Eof()) return true;  // empty input: the dictionary stays as it was
+  if (stream.Fail() || c != 'd') {
+    BENCODE_FAILURE("Read", eBencodeIllegalData, "Failed to internalize dictionary type identifier");
+    return false;
+  }
+  Reset();
+
+  for (;;) {
+    int next = stream.Peek();
+    if (stream.Good() && next == 'e') {
+      stream.Read(&c, 1);
+      return stream.Good();
+    }
+
+    std::string key;
+    if (!GetStringFromStream(stream, key)) {
+      BENCODE_FAILURE("GetStringFromStream", eBencodeIllegalData, "Failed to internalize key string");
+      return false;
+    }
+    // Files normally come sorted, so the new key usually goes at the end without a search.
+    ItemMap::iterator position = m_items.end();
+    if (!m_items.empty() && !(std::prev(position)->first < key)) {
+      position = m_items.lower_bound(key);
+      if (position != m_items.end() && position->first == key) {
+        // Deliberately a success that stops this dictionary right after the repeated key, its value left
+        // unread: top-level files keep the entries before the repetition, and a parent parser reads on.
+        BENCODE_FAILURE("GetStringFromStream", eBencodeIllegalData, "Failed to internalize key string");
+        return true;
+      }
+    }
+
+    next = stream.Peek();
+    if (!stream.Good()) {
+      BENCODE_FAILURE("Peek", eBencodeIllegalData, "Failed to internalize value type identifier");
+      return false;
+    }
+    std::unique_ptr<CBencode> value;
+    char const* failure;
+    switch (next) {
+      case 'i':
+        value.reset(new CBencode(eInteger));
+        failure = "Failed to internalize value of type integer";
+        break;
+      case 'l':
+        value.reset(new CBencodeList(true));
+        failure = "Failed to internalize value of type list";
+        break;
+      case 'd':
+        value.reset(new CBencodeDictionary(true));
+        failure = "Failed to internalize value of type dictionary";
+        break;
+      default:
+        value.reset(new CBencode(eString));
+        failure = "Failed to internalize value of type string";
+        break;
+    }
+    if (!value->Internalize(stream)) {
+      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", failure);
+      return false;
+    }
+    m_items.emplace_hint(position, std::move(key), value.release());
+  }
+}

@@ -1,0 +1,193 @@
+// The bencode list: an ordered sequence of owned values, optionally bound to a file.
+#include <memory>
+
+#include "AppLog.h"
+#include "PhoneHome/Bencode.h"
+
+#define BENCODE_FAILURE(call, code, ...) \
+  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+
+CBencodeList::CBencodeList(bool spool) : CBencode(eList), m_pStream(nullptr), m_bSpool(spool) {}
+
+CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool spool)
+    : CBencode(eList), m_pStream(nullptr), m_bSpool(spool) {
+  SetBencodeFileName(fileName);
+  result = Internalize();
+  if (result != eBencodeOk) {
+    BENCODE_FAILURE("Internalize", result, "CBencodeList Internalize failed");
+    Reset();
+  }
+}
+
+// Deliberately leaves m_pStream alive, unlike the dictionary's destructor: the list's ownership rules are
+// kept as they have always been.
+CBencodeList::~CBencodeList() { Reset(); }
+
+void CBencodeList::SetBencodeFileName(std::string const& fileName) {
+  if (m_pStream != nullptr) {
+    m_pStream->SetFileName(fileName);
+  } else {
+    m_pStream = new CBencodeStream(fileName, m_bSpool);
+  }
+}
+
+EBencodeResult CBencodeList::Internalize() {
+  if (m_pStream == nullptr) return eBencodeNoStream;
+  EBencodeResult const loaded = m_pStream->LoadStream();
+  if (loaded != eBencodeOk) return loaded;
+  return Internalize(*m_pStream) ? eBencodeOk : eBencodeIllegalData;
+}
+
+EBencodeResult CBencodeList::Externalize(bool flush) {
+  if (m_pStream == nullptr) {
+    BENCODE_FAILURE("Externalize", eBencodeNoStream, "Bencode stream should be set before calling Externalize");
+    return eBencodeNoStream;
+  }
+  if (!m_pStream->Seekp(0, std::ios_base::beg)) m_pStream->Clear();
+  if (!Externalize(*m_pStream)) return eBencodeError;
+  if (!flush) return eBencodeOk;
+
+  bool wroteSideFile = false;
+  EBencodeResult const flushed = m_pStream->FlushStream(wroteSideFile);
+  if (flushed != eBencodeOk) {
+    BENCODE_FAILURE("FlushStream", flushed, "Failed to flush stream to the file");
+  } else if (m_bSpool && !wroteSideFile) {
+    Reset();  // handed over to the consumer
+  }
+  m_pStream->ResetStream();
+  return flushed;
+}
+
+bool CBencodeList::Append(long value) {
+  m_items.push_back(new CBencode(value));
+  return true;
+}
+
+bool CBencodeList::Append(std::string const& value) {
+  m_items.push_back(new CBencode(value));
+  return true;
+}
+
+bool CBencodeList::Append(CBencodeList*& list) {
+  if (list == nullptr) list = new CBencodeList(true);
+  m_items.push_back(list);
+  return true;
+}
+
+bool CBencodeList::Append(CBencodeDictionary*& dict) {
+  if (dict == nullptr) dict = new CBencodeDictionary(true);
+  m_items.push_back(dict);
+  return true;
+}
+
+CBencode* CBencodeList::operator[](unsigned long index) {
+  if (index >= m_items.size()) {
+    BENCODE_FAILURE("operator[]", eBencodeError, "Out-of-bound bencode list item access");
+    return nullptr;
+  }
+  return m_items[index];
+}
+
+bool CBencodeList::Remove(unsigned long index) {
+  if (index >= m_items.size()) {
+    BENCODE_FAILURE("Remove", eBencodeError, "Out-of-bound bencode list item access");
+    return false;
+  }
+  delete m_items[index];
+  m_items.erase(m_items.begin() + static_cast<long>(index));
+  return true;
+}
+
+bool CBencodeList::Erase(unsigned long index) {
+  if (index >= m_items.size()) {
+    BENCODE_FAILURE("Erase", eBencodeError, "Out-of-bound bencode list item access");
+    return false;
+  }
+  m_items.erase(m_items.begin() + static_cast<long>(index));
+  return true;
+}
+
+void CBencodeList::Reset() {
+  for (CBencode* item : m_items) delete item;
+  m_items.clear();
+}
+
+bool CBencodeList::operator==(CBencode const& other) const {
+  if (other.GetType() != eList) return false;
+  CBencodeList const* list = dynamic_cast<CBencodeList const*>(&other);
+  if (list == nullptr || list->m_items.size() != m_items.size()) return false;
+  for (size_t i = 0; i < m_items.size(); ++i) {
+    if (m_items[i] == nullptr || list->m_items[i] == nullptr) return false;
+    if (!(*m_items[i] == *list->m_items[i])) return false;
+  }
+  return true;
+}
+
+bool CBencodeList::Externalize(CBencodeStream& stream) {
+  stream.Write("l", 1);
+  if (!stream.Good()) {
+    BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize list type identifier");
+    return false;
+  }
+  for (CBencode* item : m_items) {
+    if (item == nullptr) {
+      BENCODE_FAILURE("Externalize", eBencodeError, "NULL item stored in list");
+      return false;
+    }
+    if (!item->Externalize(stream)) {
+      BENCODE_FAILURE("Externalize", eBencodeError, "Failed to externalize list item");
+      return false;
+    }
+  }
+  stream.Write("e", 1);
+  return stream.Good();
+}
+
+bool CBencodeList::Internalize(CBencodeStream& stream) {
+  char c = 0;
+  stream.Read(&c, 1);
+  if (stream.Eof()) return true;  // empty input: the list stays as it was
+  if (stream.Fail() || c != 'l') {
+    BENCODE_FAILURE("Read", eBencodeIllegalData, "Failed to internalize list type identifier");
+    return false;
+  }
+  Reset();
+
+  for (;;) {
+    int const next = stream.Peek();
+    if (!stream.Good()) {
+      BENCODE_FAILURE("Peek", eBencodeIllegalData, "Failed to internalize list item identifier");
+      return false;
+    }
+    if (next == 'e') {
+      stream.Read(&c, 1);
+      return stream.Good();
+    }
+
+    std::unique_ptr<CBencode> item;
+    char const* failure;
+    switch (next) {
+      case 'd':
+        item.reset(new CBencodeDictionary(true));
+        failure = "Failed to internalize list item of type dictionary";
+        break;
+      case 'l':
+        item.reset(new CBencodeList(true));
+        failure = "Failed to internalize list item of type list";
+        break;
+      case 'i':
+        item.reset(new CBencode(eInteger));
+        failure = "Failed to internalize list item of type integer";
+        break;
+      default:
+        item.reset(new CBencode(eString));
+        failure = "Failed to internalize list item of type string";
+        break;
+    }
+    if (!item->Internalize(stream)) {
+      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", failure);
+      return false;
+    }
+    m_items.push_back(item.release());
+  }
+}

@@ -1,0 +1,263 @@
+// The bencode file stream: whole-file load and flush under a non-blocking flock, the spool hand-over, and
+// the integer reader and writer of the grammar.
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "AppLog.h"
+#include "PhoneHome/Bencode.h"
+
+#define BENCODE_FAILURE(call, code, ...) \
+  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+
+namespace {
+
+char const kSideFileSuffix[] = ".temp";
+
+// Owns one file descriptor.
+class CFileDescriptor {
+ public:
+  explicit CFileDescriptor(int fd) : m_fd(fd) {}
+  ~CFileDescriptor() { Close(); }
+  CFileDescriptor(CFileDescriptor const&) = delete;
+  CFileDescriptor& operator=(CFileDescriptor const&) = delete;
+
+  int Get() const { return m_fd; }
+  bool Valid() const { return m_fd >= 0; }
+  void Reset(int fd) {
+    Close();
+    m_fd = fd;
+  }
+  // close() is not retried on EINTR: on Linux the descriptor is gone either way.
+  void Close() {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = -1;
+  }
+
+ private:
+  int m_fd;
+};
+
+int OpenFile(std::string const& path, int flags, mode_t mode = 0) {
+  int fd;
+  do {
+    fd = open(path.c_str(), flags | O_CLOEXEC, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+int Flock(int fd, int operation) {
+  int rc;
+  do {
+    rc = flock(fd, operation);
+  } while (rc < 0 && errno == EINTR);
+  return rc;
+}
+
+ssize_t ReadOnce(int fd, char* buffer, size_t count) {
+  ssize_t n;
+  do {
+    n = read(fd, buffer, count);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+ssize_t WriteOnce(int fd, char const* buffer, size_t count) {
+  ssize_t n;
+  do {
+    n = write(fd, buffer, count);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+// What sscanf("%lld") yields for `text` (up to its first zero byte): leading white space, an optional sign,
+// then decimal digits up to the first non-digit; values beyond the range saturate as glibc's strtoll does.
+// False when no digit follows, which is when the scan converts nothing.
+bool ScanDecimal(char const* text, long& value) {
+  while (std::isspace(static_cast<unsigned char>(*text))) ++text;
+  bool negative = *text == '-';
+  if (*text == '-' || *text == '+') ++text;
+  if (*text < '0' || *text > '9') return false;
+
+  unsigned long const limit = negative ? static_cast<unsigned long>(LONG_MAX) + 1 : LONG_MAX;
+  unsigned long magnitude = 0;
+  bool overflow = false;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    unsigned long digit = static_cast<unsigned long>(*text - '0');
+    if (overflow || magnitude > (limit - digit) / 10) {
+      overflow = true;
+    } else {
+      magnitude = magnitude * 10 + digit;
+    }
+  }
+  if (overflow) {
+    value = negative ? LONG_MIN : LONG_MAX;
+  } else {
+    value = negative ? static_cast<long>(0 - magnitude) : static_cast<long>(magnitude);
+  }
+  return true;
+}
+
+}  // namespace
+
+CBencodeStream::CBencodeStream(std::string const& fileName, bool spool) : m_bSpool(spool) { SetFileName(fileName); }
+
+CBencodeStream::~CBencodeStream() = default;
+
+void CBencodeStream::SetFileName(std::string const& fileName) { m_strFileName = fileName.substr(0, fileName.find('\0')); }
+
+CBencode::EBencodeResult CBencodeStream::LoadStream() {
+  std::string const path = m_bSpool ? m_strFileName + kSideFileSuffix : m_strFileName;
+
+  CFileDescriptor file(OpenFile(path, O_RDONLY));
+  if (!file.Valid()) {
+    int error = errno;
+    if (error == ENOENT) {
+      CFileDescriptor created(OpenFile(path, O_WRONLY | O_CREAT, sm_fileCreationMode));
+      error = errno;
+      if (created.Valid()) {
+        created.Close();
+        file.Reset(OpenFile(path, O_RDONLY));
+        error = errno;
+      }
+    }
+    if (!file.Valid()) {
+      BENCODE_FAILURE("open", error, "File open failed");
+      return CBencode::eBencodeError;
+    }
+  }
+
+  if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+    BENCODE_FAILURE("flock", errno, "Failed to acquire file lock");
+    return CBencode::eBencodeLockError;
+  }
+
+  struct stat status;
+  if (fstat(file.Get(), &status) != 0) {
+    BENCODE_FAILURE("fstat", errno, "Failed to get file size");
+    Flock(file.Get(), LOCK_UN);
+    return CBencode::eBencodeError;
+  }
+  if (status.st_size > sm_iMaxFileSize) {
+    BENCODE_FAILURE("fstat", CBencode::eBencodeIllegalData, "File size exceeds maximum limit");
+    Flock(file.Get(), LOCK_UN);
+    return CBencode::eBencodeIllegalData;
+  }
+
+  // Read straight into the string that becomes the buffer, so the file text exists once in memory.
+  std::string text(static_cast<size_t>(status.st_size), '\0');
+  ssize_t const got = ReadOnce(file.Get(), &text[0], text.size());
+  int const readError = errno;
+
+  if (Flock(file.Get(), LOCK_UN) != 0) {
+    BENCODE_FAILURE("flock", errno, "Failed to release file lock");
+  }
+  if (got < static_cast<ssize_t>(text.size())) {
+    file.Close();
+    BENCODE_FAILURE("read", readError, "File read failed");
+    return CBencode::eBencodeError;
+  }
+  file.Close();
+
+  std::string::size_type const zero = text.find('\0');
+  if (zero != std::string::npos) text.resize(zero);
+  m_buffer.Assign(std::move(text));
+  return CBencode::eBencodeOk;
+}
+
+CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
+  wroteSideFile = false;
+  // The buffer's whole text: up to the farther of the write position and the end of what was loaded. After
+  // a load and a shorter serialisation the old tail is written too; readers stop at the end of the
+  // top-level value, so the file still reads as the new value. Kept deliberately.
+  std::string const& text = m_buffer.Text();
+
+  bool toSideFile = false;
+  CFileDescriptor file(-1);
+  if (m_bSpool) {
+    file.Reset(OpenFile(m_strFileName, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, sm_fileCreationMode));
+    if (!file.Valid() && errno == EEXIST) {
+      // The consumer has not taken the last hand-over yet: keep the data beside it.
+      toSideFile = true;
+      file.Reset(OpenFile(m_strFileName + kSideFileSuffix, O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
+    }
+  } else {
+    file.Reset(OpenFile(m_strFileName, O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
+  }
+  if (!file.Valid()) {
+    BENCODE_FAILURE("open", errno, "File open failed");
+    return CBencode::eBencodeError;
+  }
+
+  if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+    BENCODE_FAILURE("flock", errno, "Failed to acquire file lock");
+    return CBencode::eBencodeError;
+  }
+  ssize_t const written = WriteOnce(file.Get(), text.data(), text.size());
+  Flock(file.Get(), LOCK_UN);
+  file.Close();
+
+  if (written < static_cast<ssize_t>(text.size())) {
+    BENCODE_FAILURE("write", CBencode::eBencodeError, "File write failed");
+    return CBencode::eBencodeError;
+  }
+  wroteSideFile = toSideFile;
+  return CBencode::eBencodeOk;
+}
+
+CBencodeStream& CBencodeStream::operator<<(long value) {
+  char text[sm_iMaxIntSize];
+  std::to_chars_result const printed = std::to_chars(text, text + sm_iMaxIntSize - 1, value);
+  if (printed.ec != std::errc()) {
+    m_buffer.SetFail();
+    BENCODE_FAILURE("to_chars", CBencode::eBencodeError, "snprintf failed");
+    return *this;
+  }
+  m_buffer.Write(text, static_cast<unsigned long>(printed.ptr - text));
+  return *this;
+}
+
+CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
+  m_buffer.Write(text.data(), std::min(text.size(), text.find('\0')));
+  return *this;
+}
+
+CBencodeStream& CBencodeStream::operator>>(long& value) {
+  if (!m_buffer.Good()) {
+    BENCODE_FAILURE("Good", CBencode::eBencodeIllegalData, "Failed to read integer value");
+    return *this;
+  }
+  char text[sm_iMaxIntSize];
+  int length = 0;
+  for (;;) {
+    int const c = m_buffer.Get();
+    if (c == EOF) {
+      BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
+      return *this;
+    }
+    if (c == 'e' || c == ':') {
+      m_buffer.Unget();
+      break;
+    }
+    text[length++] = static_cast<char>(c);
+    if (length == sm_iMaxIntSize) {
+      // Deliberately leaves the stream good and the target unchanged, so an integer of exactly 21 characters
+      // followed by 'e' parses as the old value and a 21-character length as 0: which files parse must not change.
+      BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
+      return *this;
+    }
+  }
+  text[length] = '\0';
+
+  if (!ScanDecimal(text, value)) {
+    m_buffer.SetFail();
+    BENCODE_FAILURE("ScanDecimal", CBencode::eBencodeIllegalData, "Failed to read integer value");
+  }
+  return *this;
+}
