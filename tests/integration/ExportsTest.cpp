@@ -1,0 +1,67 @@
+// What the plug-in and the runtime export: exactly the classes other modules use, and nothing internal.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace {
+
+// Demangled names of the defined dynamic symbols of a shared library.
+std::set<std::string> DynamicSymbols(const std::string& library) {
+  std::set<std::string> names;
+  std::string command = "nm -DC --defined-only '" + library + "' 2>/dev/null";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  if (!pipe) return names;
+  char line[4096];
+  while (fgets(line, sizeof line, pipe.get()) != nullptr) {
+    std::string text(line);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    // "<address> <type> <name>"
+    size_t second = text.find(' ', text.find(' ') + 1);
+    if (second != std::string::npos) names.insert(text.substr(second + 1));
+  }
+  return names;
+}
+
+bool AnyStartsWith(const std::set<std::string>& names, const std::string& prefix) {
+  for (const std::string& name : names) {
+    if (name.rfind(prefix, 0) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST(Exports, PluginLoadsLikeAHostLoadsIt) {
+  void* handle = dlopen(OVF_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  EXPECT_EQ(dlclose(handle), 0);
+}
+
+TEST(Exports, PluginExportsItsPublicClassesOnly) {
+  std::set<std::string> names = DynamicSymbols(OVF_PLUGIN_PATH);
+  ASSERT_FALSE(names.empty()) << "nm gave nothing for " << OVF_PLUGIN_PATH;
+  for (const char* exported : {"CBencode::", "CBencodeList::", "CBencodeDictionary::", "CBencodeStream::",
+                               "OvRuntime::Utils::", "CDeviceInfo::", "CPhoneHomeUtility::",
+                               "PHONEHOME_STATUS_FILENAME"}) {
+    EXPECT_TRUE(AnyStartsWith(names, exported)) << exported << " is not exported";
+  }
+  for (const char* internal : {"PhoneHomeXmlMgr::", "CFileUploader::", "CPhoneHomeStatus::", "CAppLog::",
+                               "CHttpSessionCurl::"}) {
+    EXPECT_FALSE(AnyStartsWith(names, internal)) << internal << " leaks out of the plug-in";
+  }
+}
+
+TEST(Exports, RuntimeExportsWhatThePluginCalls) {
+  std::set<std::string> names = DynamicSymbols(OVF_RUNTIME_PATH);
+  for (const char* exported : {"CAppLog::", "safe_strlcpyA", "GetCurrentTimeSeconds", "CHttpSessionCurl::",
+                               "CCertHelper::", "CUnixImpersonate::", "CExecutionContext::", "CTimer::",
+                               "CTimerList::", "CCEvent::", "CEventList::", "XmlParser::", "UITranslator::",
+                               "MakeSureDirectoryPathExists", "GetOsVersion", "IsOs_LINUX", "lBase64::",
+                               "DeviceIDInfo::", "Directory::"}) {
+    EXPECT_TRUE(AnyStartsWith(names, exported)) << exported << " is not exported by the runtime";
+  }
+}

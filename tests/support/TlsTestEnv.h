@@ -1,0 +1,90 @@
+// A local HTTPS feedback server for suites that post over real TLS: test certificates generated for the real
+// feedback host names, a running ovfeedback-receiver, and the runtime's CA file and connect-to map pointed at
+// it, so that code under test reaches the receiver through the product's own URLs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "TempDir.h"
+
+// The certificate the receiver presents. All are PEM files sharing one server key.
+enum class TestCert {
+  eTrusted,    // issued by the test CA for feedback.velmar.example, feedback2.velmar.example, localhost, 127.0.0.1
+  eWrongHost,  // issued by the test CA for wrong.velmar.example only
+  eExpired,    // issued by the test CA for the right names; expired a day ago
+  eUnknownCA,  // the right names, issued by a second CA that is never trusted
+};
+
+// One post that the receiver accepted (answered 2xx), in arrival order.
+struct ReceivedPost {
+  std::string body;     // the bytes after "data=", exactly as posted
+  bool hasZip = false;  // whether a "Zip" header came with the post
+  std::string zip;      // its value
+};
+
+class TlsTestEnv {
+ public:
+  static constexpr const char* kPrimaryHost = "feedback.velmar.example";
+  static constexpr const char* kSecondaryHost = "feedback2.velmar.example";
+  static constexpr const char* kPrimaryUrl = "https://feedback.velmar.example/cef/submit";
+  static constexpr const char* kSecondaryUrl = "https://feedback2.velmar.example/cef/submit";
+  // What the receiver answers to an accepted post unless told otherwise.
+  static constexpr const char* kAcceptAnswer = "OK";
+
+  // Starts a receiver presenting `cert`, makes the test CA the runtime's trusted CA file and maps each of
+  // `hosts` (port 443) to the receiver in the runtime's connect-to list; entries for other hosts are kept, so
+  // two environments can serve the primary and the secondary host with different certificates. The
+  // certificates are generated once per process, so every environment shares the same test CA.
+  // Throws std::runtime_error when the receiver does not come up.
+  explicit TlsTestEnv(TestCert cert = TestCert::eTrusted,
+                      const std::vector<std::string>& hosts = {kPrimaryHost, kSecondaryHost});
+  // Stops the receiver and restores the CA file and connect-to list found at construction.
+  ~TlsTestEnv();
+  TlsTestEnv(const TlsTestEnv&) = delete;
+  TlsTestEnv& operator=(const TlsTestEnv&) = delete;
+
+  unsigned short Port() const { return port_; }
+  // Serves another certificate from a new receiver process (new port, same store, pending behaviour dropped);
+  // the connect-to entries follow the new port.
+  void Restart(TestCert cert);
+
+  // PEM files of the shared test certificates.
+  static std::string CAFile();
+  static std::string CertFile(TestCert cert);
+  static std::string KeyFile();
+  // Directory where the receiver stores accepted posts ("post-NNNNNN.bin" plus a ".meta" sidecar).
+  const std::string& StoreDir() const { return storeDir_; }
+
+  // Behaviour of the next `count` posts to the feedback path, queued after any given before; once the queue
+  // is used up, posts are accepted with 200 and kAcceptAnswer. Posts answered 2xx are stored; the others are
+  // not.
+  void RespondStatus(int status, int count = 1);                        // answer with this status and a short text
+  void Hang(int count = 1);                                             // never answer; ends when the client goes away
+  void CloseConnection(int count = 1);                                  // read the request, then drop the connection
+  void RespondLongBody(size_t length, long nulAt = -1, int count = 1);  // 200 with LongBody(length, nulAt)
+  void ResetBehaviour();                                                // drop whatever is still queued
+
+  // Accepted posts so far, in arrival order.
+  std::vector<ReceivedPost> Posts() const;
+  // The body RespondLongBody makes the receiver send: a repeating printable pattern of `length` bytes, with a
+  // NUL at `nulAt` when that is within it.
+  static std::string LongBody(size_t length, long nulAt = -1);
+
+ private:
+  void Start(TestCert cert);
+  void Stop();
+  void Control(const std::string& command) const;
+  void MapHosts();
+
+  std::vector<std::string> hosts_;
+  TempDir dir_;
+  std::string storeDir_;
+  pid_t pid_ = -1;
+  unsigned short port_ = 0;
+  std::string savedCAFile_;
+  std::vector<std::string> savedConnectTo_;
+};
