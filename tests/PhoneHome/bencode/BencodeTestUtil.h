@@ -5,6 +5,8 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "LogCapture.h"
 #include "PhoneHome/Bencode.h"
@@ -14,6 +16,16 @@ inline std::unique_ptr<CBencodeStream> StreamOver(std::string const& text) {
   std::unique_ptr<CBencodeStream> stream(new CBencodeStream("", false));
   stream->Write(text.data(), text.size());
   return stream;
+}
+inline bool Parse(CBencode& value, std::string const& text) { return value.Internalize(*StreamOver(text)); }
+
+// A new value of the type `text` starts with ('i', 'l', 'd', else a string), parsed from `text`.
+inline std::unique_ptr<CBencode> Parsed(std::string const& text) {
+  CBencode::EContentType const scalar = text[0] == 'i' ? CBencode::eInteger : CBencode::eString;
+  std::unique_ptr<CBencode> value(text[0] == 'l'   ? static_cast<CBencode*>(new CBencodeList(false))
+                                  : text[0] == 'd' ? new CBencodeDictionary(false) : new CBencode(scalar));
+  EXPECT_TRUE(Parse(*value, text)) << text;
+  return value;
 }
 
 // What Externalize(stream) writes for `value`, or "<failed>".
@@ -29,7 +41,11 @@ inline std::string Serialised(CBencode& value) {
 inline void ExpectLogged(LogCapture const& log, std::string const& text, long code) {
   LogRecord const* record = log.Find(text);
   ASSERT_NE(record, nullptr) << "missing \"" << text << "\"; logged:\n" << log.Dump();
-  EXPECT_EQ(record->file, "Bencode") << text;
-  EXPECT_EQ(record->importance, LOG_ERROR) << text;
-  EXPECT_EQ(record->code, code) << text;
+  EXPECT_EQ(std::make_tuple(record->file, record->importance, record->code),
+            std::make_tuple(std::string("Bencode"), static_cast<int>(LOG_ERROR), code)) << text;
+}
+// ...and logged nothing else.
+inline void ExpectOnlyLogged(LogCapture const& log, std::vector<char const*> const& texts, long code) {
+  EXPECT_EQ(log.Records().size(), texts.size()) << log.Dump();
+  for (char const* text : texts) ExpectLogged(log, text, code);
 }

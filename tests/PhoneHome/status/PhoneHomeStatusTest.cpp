@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BuildConfig.h"
@@ -14,149 +17,108 @@
 #include "TempDir.h"
 #include "XmlParser.h"
 
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
 namespace {
 
 const std::string kFeedbackDir = std::string(OVF_INSTALL_ROOT) + "/CustomerExperienceFeedback";
 const std::string kProfile = kFeedbackDir + "/CustomerExperience_Feedback.xml";
 const std::string kPlainName = "Customer Experience Feedback";
 
-void RemoveProfile() {
-  if (unlink(kProfile.c_str()) != 0) rmdir(kProfile.c_str());
-}
-void WriteProfile(const std::string& xml) { std::ofstream(kProfile, std::ios::binary) << xml; }
-
-// Creates the directories missing up to the profile and removes them, and the profile, afterwards.
+// Each test starts without a profile; afterwards the profile and any directory made for it are removed.
 class StatusTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (size_t pos = 0; pos != std::string::npos;) {
-      pos = kFeedbackDir.find('/', pos + 1);
-      if (mkdir(kFeedbackDir.substr(0, pos).c_str(), 0755) == 0) m_created.push_back(kFeedbackDir.substr(0, pos));
-    }
-    RemoveProfile();
+    for (m_made = kFeedbackDir; !fs::exists(m_made.parent_path());) m_made = m_made.parent_path();
+    if (fs::exists(m_made)) m_made = kProfile;
+    fs::create_directories(kFeedbackDir);
+    fs::remove_all(kProfile);
   }
-  void TearDown() override {
-    RemoveProfile();
-    for (auto it = m_created.rbegin(); it != m_created.rend(); ++it) rmdir(it->c_str());
-  }
-
- private:
-  std::vector<std::string> m_created;
+  void TearDown() override { fs::remove_all(m_made); }
+  CPhoneHomeStatus m_status;
+  fs::path m_made;  // the outermost directory this test made, else the profile
 };
 
 }  // namespace
 
-TEST_F(StatusTest, EnabledFollowsServiceDisableOnly) {
+TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
   struct Row {
-    const char* xml;
+    const char* profile;  // its text; null: no profile; "/": a directory in its place
     bool enabled;
+    long logged;  // -1: nothing; 0: the warning that it cannot be opened; else the parser's error code
   } rows[] = {
-      {"<Feedback><CustomerID>acme</CustomerID></Feedback>", true},
-      {"<Feedback><ServiceDisable>TRUE</ServiceDisable></Feedback>", false},
-      {"<Feedback><ServiceDisable>yes</ServiceDisable></Feedback>", true},
-      {"<Feedback><ServiceDisable> true</ServiceDisable></Feedback>", true},
-      {"<Feedback><serviceDisable>true</serviceDisable></Feedback>", true},
-      {"<Feedback><Policy><ServiceDisable>true</ServiceDisable></Policy></Feedback>", false},
-      {"<Feedback><IncludeCrashReport>true</IncludeCrashReport></Feedback>", true},
+      {"<Feedback><CustomerID>acme</CustomerID></Feedback>", true, -1},
+      {"<Feedback><ServiceDisable>TRUE</ServiceDisable></Feedback>", false, -1},
+      {"<Feedback><ServiceDisable>false</ServiceDisable><IncludeCrashReport>true</IncludeCrashReport></Feedback>", true,
+       -1},
+      {nullptr, true, 0},
+      // The handler has seen ServiceDisable true before the missing end tag; that must not count.
+      {"<Feedback><ServiceDisable>true</ServiceDisable>", true, XMLPARSER_E_MALFORMED},
+      {"/", true, XMLPARSER_E_READ},
   };
-  CPhoneHomeStatus status;
   for (const Row& row : rows) {
-    WriteProfile(row.xml);
+    SCOPED_TRACE(row.profile ? row.profile : "no profile");
+    fs::remove_all(kProfile);
+    if (row.profile && std::string(row.profile) == "/") {
+      fs::create_directory(kProfile);
+    } else if (row.profile) {
+      std::ofstream(kProfile, std::ios::binary) << row.profile;
+    }
     LogCapture log;
     bool enabled = !row.enabled;
-    EXPECT_EQ(status.IsEnabled(enabled), 0) << row.xml;
-    EXPECT_EQ(enabled, row.enabled) << row.xml;
-    // The crash-dump flag is never written, so the plain name is shown whatever the profile says.
+    EXPECT_EQ(m_status.IsEnabled(enabled), 0);
+    EXPECT_EQ(enabled, row.enabled);
+    std::vector<LogRecord> records = log.Records();  // the parser's own debug detail aside
+    records.erase(std::remove_if(records.begin(), records.end(), [](auto& r) { return r.importance == LOG_DEBUG; }),
+                  records.end());
+    ASSERT_EQ(records.size(), row.logged < 0 ? 0u : 1u) << log.Dump();
+    if (row.logged >= 0) {
+      const LogRecord& r = records[0];
+      const bool warning = row.logged == 0;
+      EXPECT_EQ(std::make_tuple(r.function, r.file, r.importance, r.failingCall, r.code),
+                std::make_tuple("LoadStatusFromConfigFile"s, "PhoneHomePluginImp"s, warning ? +LOG_WARNING : +LOG_ERROR,
+                                warning ? ""s : "XmlParser::parseFile"s, row.logged));
+      EXPECT_EQ(warning ? r.text : "", warning ? "Config file \"" + kProfile + "\" not exist." : "");
+    }
+    // The crash-report flag is never written, so the plain name is shown whatever the profile says; a failure
+    // leaves the caller's enabled flag alone too.
+    bool flag = false, crash = row.logged >= 0;
+    m_status.LoadStatusFromConfigFile(flag, crash);
+    EXPECT_TRUE(flag == (row.logged < 0 && row.enabled) && crash == (row.logged >= 0)) << flag << crash;
     char name[64];
     unsigned long size = sizeof name;
-    EXPECT_EQ(status.GetDisplayName(name, size), 0) << row.xml;
-    EXPECT_EQ(name, kPlainName) << row.xml;
-    bool crash = true;
-    status.LoadStatusFromConfigFile(enabled, crash);
-    EXPECT_TRUE(crash) << row.xml;
-    EXPECT_TRUE(log.Records().empty()) << row.xml << "\n" << log.Dump();
+    EXPECT_EQ(m_status.GetDisplayName(name, size), 0);
+    EXPECT_EQ(name, kPlainName);
   }
 }
 
-TEST_F(StatusTest, FailuresKeepTheCallersDefaultsAndAreLogged) {
-  struct Row {
-    const char* label;
-    void (*prepare)();
-    long parseError;  // 0: the profile cannot be opened at all
-  } rows[] = {
-      {"missing", [] {}, 0},
-      // The handler has seen ServiceDisable true before the missing end tag; that must not count.
-      {"malformed", [] { WriteProfile("<Feedback><ServiceDisable>true</ServiceDisable>"); }, XMLPARSER_E_MALFORMED},
-      {"empty", [] { WriteProfile(""); }, XMLPARSER_E_MALFORMED},
-      {"directory", [] { mkdir(kProfile.c_str(), 0755); }, XMLPARSER_E_READ},
-      // root opens any file whatever its mode; that row is skipped there.
-      {"unreadable",
-       [] {
-         WriteProfile("<ServiceDisable>true</ServiceDisable>");
-         chmod(kProfile.c_str(), 0);
-       },
-       0},
-  };
-  CPhoneHomeStatus status;
-  for (const Row& row : rows) {
-    if (std::string(row.label) == "unreadable" && geteuid() == 0) continue;
-    RemoveProfile();
-    row.prepare();
-    LogCapture log;
-    bool enabled = false;
-    EXPECT_EQ(status.IsEnabled(enabled), 0) << row.label;
-    EXPECT_TRUE(enabled) << row.label;
-    std::vector<LogRecord> records;  // the parser's own debug detail aside
-    for (const LogRecord& r : log.Records()) {
-      if (r.importance != LOG_DEBUG) records.push_back(r);
-    }
-    ASSERT_EQ(records.size(), 1u) << row.label << "\n" << log.Dump();
-    const LogRecord& r = records[0];
-    EXPECT_EQ(r.function, "LoadStatusFromConfigFile") << row.label;
-    EXPECT_EQ(r.file, "PhoneHomePluginImp") << row.label;
-    if (row.parseError == 0) {
-      EXPECT_EQ(r.importance, LOG_WARNING) << row.label;
-      EXPECT_EQ(r.text, "Config file \"" + kProfile + "\" not exist.") << row.label;
-    } else {
-      EXPECT_EQ(r.importance, LOG_ERROR) << row.label;
-      EXPECT_EQ(r.failingCall, "XmlParser::parseFile") << row.label;
-      EXPECT_EQ(r.code, row.parseError) << row.label;
-    }
-    bool keptFalse = false, keptTrue = true;
-    status.LoadStatusFromConfigFile(keptFalse, keptTrue);
-    EXPECT_FALSE(keptFalse) << row.label;
-    EXPECT_TRUE(keptTrue) << row.label;
-  }
-}
-
-TEST_F(StatusTest, DisplayNameBufferSizes) {
-  WriteProfile("<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
-  CPhoneHomeStatus status;
+TEST_F(StatusTest, DisplayNameReportsTheSizeItNeeds) {
   const unsigned long needed = kPlainName.size() + 1;
-  for (unsigned long capacity : {0ul, 1000ul}) {
-    unsigned long size = capacity;
-    EXPECT_EQ(status.GetDisplayName(nullptr, size), -3) << capacity;
-    EXPECT_EQ(size, needed) << capacity;
-  }
   char buffer[64];
-  memset(buffer, 'Z', sizeof buffer);
-  unsigned long size = needed - 1;
-  EXPECT_EQ(status.GetDisplayName(buffer, size), -3);
-  EXPECT_EQ(size, needed);
-  EXPECT_EQ(buffer[0], 'Z') << "a short buffer was written";
-  EXPECT_EQ(status.GetDisplayName(buffer, size), 0);
-  EXPECT_EQ(size, needed);
-  EXPECT_EQ(std::string(buffer), kPlainName);
-  EXPECT_EQ(buffer[needed], 'Z') << "wrote past the name";
+  struct Row {
+    char* buffer;
+    unsigned long size;
+    long result;
+  } rows[] = {{nullptr, 0, -3}, {nullptr, 1000, -3}, {buffer, needed - 1, -3}, {buffer, needed, 0}};
+  for (const Row& row : rows) {
+    memset(buffer, 'Z', sizeof buffer);
+    unsigned long size = row.size;
+    EXPECT_EQ(m_status.GetDisplayName(row.buffer, size), row.result) << row.size;
+    EXPECT_EQ(size, needed) << row.size;
+    // Written only when it fits, and nothing past the terminator.
+    EXPECT_EQ(std::string(buffer, needed + 1), row.result == 0 ? kPlainName + '\0' + 'Z' : std::string(needed + 1, 'Z'))
+        << row.size;
+  }
 }
 
 TEST_F(StatusTest, SupportsOnlyTheStatusInterfaceVersionOne) {
-  CPhoneHomeStatus status;
-  EXPECT_TRUE(status.SupportsInterface("com.velmar.orvane.component.status", 1));
-  for (unsigned int version : {0u, 2u}) EXPECT_FALSE(status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, version));
+  EXPECT_TRUE(m_status.SupportsInterface("com.velmar.orvane.component.status", 1));
+  EXPECT_FALSE(m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 0) ||
+               m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 2));
   for (const char* id : {"com.velmar.orvane.service.customer.feedback", "com.velmar.orvane.component.Status",
                          "com.velmar.orvane.component.status ", "", static_cast<const char*>(nullptr)}) {
-    EXPECT_FALSE(status.SupportsInterface(id, 1)) << (id ? id : "null");
+    EXPECT_FALSE(m_status.SupportsInterface(id, 1)) << (id ? id : "null");
   }
 }
 
@@ -164,24 +126,17 @@ TEST(PhoneHomeUtility, MarkerFileDecidesEnabled) {
   EXPECT_STREQ(PHONEHOME_STATUS_FILENAME, "cefdisable");
   EXPECT_STREQ(CPhoneHomeUtility::GetPhoneHomeStatusFileName(), "cefdisable");
   struct Row {
-    const char* label;
-    void (*prepare)(const TempDir&);
+    const char* file;  // made in the directory; null: none
+    const char* content;
+    mode_t mode;
     bool enabled;
-  } rows[] = {
-      {"no marker", [](const TempDir&) {}, true},
-      {"empty marker", [](const TempDir& d) { d.Write("cefdisable", ""); }, false},
-      {"marker with content", [](const TempDir& d) { d.Write("cefdisable", "false\n"); }, false},
-      // A directory opens for reading too, so it disables like a file.
-      {"directory", [](const TempDir& d) { mkdir(d.File("cefdisable").c_str(), 0755); }, false},
-      {"other letter case", [](const TempDir& d) { d.Write("CefDisable", ""); }, true},
-      // root opens any file whatever its mode; that row is skipped there.
-      {"unreadable", [](const TempDir& d) { chmod(d.Write("cefdisable", "").c_str(), 0); }, true},
-  };
+  } rows[] = {{nullptr, "", 0644, true}, {"cefdisable", "", 0644, false}, {"cefdisable", "false\n", 0644, false},
+              {"CefDisable", "", 0644, true}, {"cefdisable", "", 0, true}};
   for (const Row& row : rows) {
-    if (std::string(row.label) == "unreadable" && geteuid() == 0) continue;
+    if (row.mode == 0 && geteuid() == 0) continue;  // root opens any file whatever its mode
     TempDir dir;
-    row.prepare(dir);
-    EXPECT_EQ(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.path()), row.enabled) << row.label;
-    EXPECT_TRUE(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.File("no-such-directory"))) << row.label;
+    if (row.file) chmod(dir.Write(row.file, row.content).c_str(), row.mode);
+    EXPECT_EQ(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.path()), row.enabled)
+        << (row.file ? row.file : "no marker") << " mode " << row.mode;
   }
 }
