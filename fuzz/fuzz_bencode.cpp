@@ -1,0 +1,81 @@
+// Fuzzes the bencode reader: any bytes, read as a list, a dictionary, an integer and a string, must never crash,
+// and whatever is read must write out in a canonical form that reads back to an equal value and writes out
+// to the same bytes.
+//
+// The property starts at the first write, not at the input: reading is lenient (leading zeros, a "+" sign,
+// a 21-character integer that keeps the old value, a dictionary that stops at a repeated key and leaves the
+// rest unread, strings cut at a zero byte), so the input itself need not be canonical.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "AppLog.h"
+#include "PhoneHome/Bencode.h"
+
+namespace {
+
+// A stream with no file behind it, holding `bytes` with the read position at the start.
+std::unique_ptr<CBencodeStream> StreamOf(const char* bytes, size_t size) {
+  auto stream = std::make_unique<CBencodeStream>(std::string(), false);
+  stream->Write(bytes, size);
+  stream->Seekg(0, std::ios_base::beg);
+  return stream;
+}
+
+// The text that `value` writes, or a fault when writing a value that was read fails.
+std::string Written(CBencode& value, const char* what) {
+  CBencodeStream stream(std::string(), false);
+  if (!value.Externalize(stream)) {
+    fprintf(stderr, "%s: a value that was read does not write\n", what);
+    abort();
+  }
+  long size = stream.Tellp();
+  std::string text(static_cast<size_t>(size > 0 ? size : 0), '\0');
+  if (!stream.Seekg(0, std::ios_base::beg) || !stream.Read(text.data(), text.size())) {
+    fprintf(stderr, "%s: the written text cannot be read back from the stream\n", what);
+    abort();
+  }
+  return text;
+}
+
+template <class Make>
+void CheckFixedPoint(const uint8_t* data, size_t size, Make make, const char* what) {
+  std::unique_ptr<CBencode> first = make();
+  auto input = StreamOf(reinterpret_cast<const char*>(data), size);
+  if (!first->Internalize(*input)) return;
+
+  const std::string canonical = Written(*first, what);
+  std::unique_ptr<CBencode> second = make();
+  auto again = StreamOf(canonical.data(), canonical.size());
+  if (!second->Internalize(*again)) {
+    fprintf(stderr, "%s: canonical text does not read back: %s\n", what, canonical.c_str());
+    abort();
+  }
+  if (!(*first == *second) || !(*second == *first)) {
+    fprintf(stderr, "%s: value read back from canonical text differs: %s\n", what, canonical.c_str());
+    abort();
+  }
+  // The dictionary's equality ignores keys; the bytes do not.
+  if (Written(*second, what) != canonical) {
+    fprintf(stderr, "%s: canonical text is not a fixed point: %s\n", what, canonical.c_str());
+    abort();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // Every rejected input logs several lines; they would drown the fuzzer's own output.
+  CAppLog::SetSink([](const LogRecord&) {});
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  CheckFixedPoint(data, size, [] { return std::make_unique<CBencodeList>(false); }, "list");
+  CheckFixedPoint(data, size, [] { return std::make_unique<CBencodeDictionary>(false); }, "dictionary");
+  CheckFixedPoint(data, size, [] { return std::make_unique<CBencode>(CBencode::eInteger); }, "integer");
+  CheckFixedPoint(data, size, [] { return std::make_unique<CBencode>(CBencode::eString); }, "string");
+  return 0;
+}
