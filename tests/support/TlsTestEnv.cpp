@@ -1,16 +1,12 @@
-// TLS fixture: test certificates made with OpenSSL, an ovfeedback-receiver child process, and the runtime's
-// HTTPS configuration pointed at it.
+// TLS fixture: the receiver's test PKI, an ovfeedback-receiver child process, and the runtime's HTTPS
+// configuration pointed at it.
 #include "TlsTestEnv.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -19,13 +15,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 
 #include "RuntimeConfig.h"
+#include "TestPki.h"
 
 #ifndef OVF_RECEIVER_PATH
 #define OVF_RECEIVER_PATH ""
@@ -35,15 +32,6 @@ extern char** environ;
 
 namespace {
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct X509Free {
-  void operator()(X509* p) const { X509_free(p); }
-};
-struct ExtFree {
-  void operator()(X509_EXTENSION* p) const { X509_EXTENSION_free(p); }
-};
 struct BioFree {
   void operator()(BIO* p) const { BIO_free_all(p); }
 };
@@ -53,91 +41,32 @@ struct SslCtxFree {
 struct DirClose {
   void operator()(DIR* p) const { closedir(p); }
 };
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using ExtPtr = std::unique_ptr<X509_EXTENSION, ExtFree>;
 using BioPtr = std::unique_ptr<BIO, BioFree>;
 using SslCtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
 
-constexpr long kDay = 24 * 60 * 60;
+static_assert(std::string_view(TlsTestEnv::kPrimaryHost) == TestPki::kPrimaryHost &&
+                  std::string_view(TlsTestEnv::kSecondaryHost) == TestPki::kSecondaryHost,
+              "the test certificates must carry the fixture's host names");
+
 constexpr auto kStartLimit = std::chrono::seconds(30);
 constexpr auto kStopLimit = std::chrono::seconds(10);
 
 [[noreturn]] void Fail(const std::string& what) {
   char detail[256] = "";
-  ERR_error_string_n(ERR_get_error(), detail, sizeof detail);
+  if (unsigned long error = ERR_get_error()) ERR_error_string_n(error, detail, sizeof detail);
   throw std::runtime_error("TlsTestEnv: " + what + (detail[0] ? std::string(": ") + detail : ""));
-}
-
-PkeyPtr NewKey() {
-  PkeyPtr key(EVP_EC_gen("P-256"));
-  if (!key) Fail("EVP_EC_gen");
-  return key;
-}
-
-void AddExtension(X509* cert, X509* issuer, int nid, const char* value) {
-  X509V3_CTX ctx;
-  X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
-  ExtPtr ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
-  if (!ext || X509_add_ext(cert, ext.get(), -1) != 1) Fail(std::string("extension ") + value);
-}
-
-// A certificate for `subjectKey`, valid from now + notBefore to now + notAfter (seconds), signed by
-// issuerKey; issuer null makes it self-signed.
-X509Ptr NewCertificate(const std::string& commonName, EVP_PKEY* subjectKey, X509* issuer, EVP_PKEY* issuerKey,
-                       long notBefore, long notAfter, bool isCA, const std::string& altNames) {
-  static long serial = 1;
-  X509Ptr cert(X509_new());
-  if (!cert || X509_set_version(cert.get(), X509_VERSION_3) != 1 ||
-      ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial++) != 1 ||
-      X509_gmtime_adj(X509_getm_notBefore(cert.get()), notBefore) == nullptr ||
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), notAfter) == nullptr ||
-      X509_set_pubkey(cert.get(), subjectKey) != 1) {
-    Fail("certificate fields");
-  }
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  if (X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Orvane Tests"), -1,
-                                 -1, 0) != 1 ||
-      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
-                                 -1, -1, 0) != 1 ||
-      X509_set_issuer_name(cert.get(), issuer ? X509_get_subject_name(issuer) : name) != 1) {
-    Fail("certificate names");
-  }
-  X509* signer = issuer ? issuer : cert.get();
-  AddExtension(cert.get(), signer, NID_subject_key_identifier, "hash");
-  if (isCA) {
-    AddExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:TRUE");
-    AddExtension(cert.get(), signer, NID_key_usage, "critical,keyCertSign,cRLSign");
-  } else {
-    AddExtension(cert.get(), signer, NID_authority_key_identifier, "keyid:always");
-    AddExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:FALSE");
-    AddExtension(cert.get(), signer, NID_key_usage, "critical,digitalSignature");
-    AddExtension(cert.get(), signer, NID_ext_key_usage, "serverAuth");
-    AddExtension(cert.get(), signer, NID_subject_alt_name, altNames.c_str());
-  }
-  if (X509_sign(cert.get(), issuerKey, EVP_sha256()) == 0) Fail("X509_sign");
-  return cert;
-}
-
-void WritePem(const std::string& path, X509* cert, EVP_PKEY* key) {
-  BioPtr out(BIO_new_file(path.c_str(), "w"));
-  if (!out) Fail("cannot create " + path);
-  if (cert && PEM_write_bio_X509(out.get(), cert) != 1) Fail("PEM_write_bio_X509");
-  if (key && PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-    Fail("PEM_write_bio_PrivateKey");
-  }
 }
 
 const char* CertName(TestCert cert) {
   switch (cert) {
     case TestCert::eTrusted:
-      return "trusted.pem";
+      return TestPki::kServerCertFile;
     case TestCert::eWrongHost:
-      return "wrong-host.pem";
+      return TestPki::kWrongHostFile;
     case TestCert::eExpired:
-      return "expired.pem";
+      return TestPki::kExpiredFile;
     case TestCert::eUnknownCA:
-      return "unknown-ca.pem";
+      return TestPki::kUnknownCAFile;
   }
   return "";
 }
@@ -152,39 +81,7 @@ class Certificates {
   std::string Path(const std::string& name) const { return dir_.File(name); }
 
  private:
-  Certificates() {
-    const std::string rightNames = std::string("DNS:") + TlsTestEnv::kPrimaryHost +
-                                   ",DNS:" + TlsTestEnv::kSecondaryHost + ",DNS:localhost,IP:127.0.0.1";
-    PkeyPtr caKey = NewKey();
-    X509Ptr ca = NewCertificate("Orvane Test CA", caKey.get(), nullptr, caKey.get(), -kDay, 3650 * kDay, true, "");
-    PkeyPtr strangerKey = NewKey();
-    X509Ptr stranger = NewCertificate("Orvane Stranger CA", strangerKey.get(), nullptr, strangerKey.get(), -kDay,
-                                      3650 * kDay, true, "");
-    PkeyPtr serverKey = NewKey();
-    WritePem(Path("ca.pem"), ca.get(), nullptr);
-    WritePem(Path("stranger-ca.pem"), stranger.get(), nullptr);
-    WritePem(Path("server-key.pem"), nullptr, serverKey.get());
-    WritePem(Path(CertName(TestCert::eTrusted)),
-             NewCertificate(TlsTestEnv::kPrimaryHost, serverKey.get(), ca.get(), caKey.get(), -kDay, 825 * kDay, false,
-                            rightNames)
-                 .get(),
-             nullptr);
-    WritePem(Path(CertName(TestCert::eWrongHost)),
-             NewCertificate("wrong.velmar.example", serverKey.get(), ca.get(), caKey.get(), -kDay, 825 * kDay, false,
-                            "DNS:wrong.velmar.example")
-                 .get(),
-             nullptr);
-    WritePem(Path(CertName(TestCert::eExpired)),
-             NewCertificate(TlsTestEnv::kPrimaryHost, serverKey.get(), ca.get(), caKey.get(), -30 * kDay, -kDay, false,
-                            rightNames)
-                 .get(),
-             nullptr);
-    WritePem(Path(CertName(TestCert::eUnknownCA)),
-             NewCertificate(TlsTestEnv::kPrimaryHost, serverKey.get(), stranger.get(), strangerKey.get(), -kDay,
-                            825 * kDay, false, rightNames)
-                 .get(),
-             nullptr);
-  }
+  Certificates() { TestPki::Write(dir_.path()); }
 
   TempDir dir_;
 };
@@ -230,9 +127,9 @@ TlsTestEnv::~TlsTestEnv() {
   SuiteRuntime::SetConnectTo(savedConnectTo_);
 }
 
-std::string TlsTestEnv::CAFile() { return Certificates::Get().Path("ca.pem"); }
+std::string TlsTestEnv::CAFile() { return Certificates::Get().Path(TestPki::kCAFile); }
 std::string TlsTestEnv::CertFile(TestCert cert) { return Certificates::Get().Path(CertName(cert)); }
-std::string TlsTestEnv::KeyFile() { return Certificates::Get().Path("server-key.pem"); }
+std::string TlsTestEnv::KeyFile() { return Certificates::Get().Path(TestPki::kServerKeyFile); }
 
 void TlsTestEnv::Restart(TestCert cert) {
   Stop();

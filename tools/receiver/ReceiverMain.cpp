@@ -8,17 +8,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <string>
 #include <thread>
 
 #include "FeedbackReceiver.h"
+#include "TestPki.h"
 
 namespace {
 
 constexpr const char kUsage[] =
     "usage: ovfeedback-receiver --cert FILE --key FILE --store DIR [--host ADDR] [--port N] "
     "[--port-file FILE] [--exit-with-parent]\n"
+    "       ovfeedback-receiver --make-certs DIR\n"
     "  Serves POST /cef/submit over HTTPS and stores each body after \"data=\" in DIR.\n"
     "  --port 0 (the default) takes any free port; --port-file receives the port chosen.\n"
     "  --exit-with-parent stops the receiver when the process that started it is gone.\n"
@@ -27,7 +30,15 @@ constexpr const char kUsage[] =
     "    hang [count=K]              never answer\n"
     "    close [count=K]             drop the connection after reading the request\n"
     "    body length=N [nul=P] [count=K]  accept and answer with N bytes, a NUL at P\n"
-    "    reset                       accept every post again\n";
+    "    reset                       accept every post again\n"
+    "  --make-certs DIR writes a fresh throw-away test PKI to DIR (made when missing) and exits:\n"
+    "    ca.pem          the test CA, for the client to trust\n"
+    "    server.pem      the server certificate for feedback.velmar.example, feedback2.velmar.example,\n"
+    "                    localhost and 127.0.0.1; serve it with --cert\n"
+    "    server-key.pem  the key of server.pem and of the three below (mode 0600); serve it with --key\n"
+    "    wrong-host.pem  issued by the test CA for wrong.velmar.example only\n"
+    "    expired.pem     issued by the test CA for the names above, expired a day ago\n"
+    "    unknown-ca.pem  for the names above, issued by a CA that is not written out\n";
 
 struct Options {
   std::string cert;
@@ -37,12 +48,17 @@ struct Options {
   int port = 0;
   std::string portFile;
   bool exitWithParent = false;
+  std::string makeCerts;
+  bool help = false;
 };
 
 bool ParseArguments(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     std::string name = argv[i];
-    if (name == "--help" || name == "-h") return false;
+    if (name == "--help" || name == "-h") {
+      options.help = true;
+      return true;
+    }
     if (name == "--exit-with-parent") {
       options.exitWithParent = true;
       continue;
@@ -64,10 +80,13 @@ bool ParseArguments(int argc, char** argv, Options& options) {
       options.port = static_cast<int>(port);
     } else if (name == "--port-file") {
       options.portFile = value;
+    } else if (name == "--make-certs") {
+      options.makeCerts = value;
     } else {
       return false;
     }
   }
+  if (!options.makeCerts.empty()) return true;
   return !options.cert.empty() && !options.key.empty() && !options.store.empty();
 }
 
@@ -89,6 +108,22 @@ int main(int argc, char** argv) {
   if (!ParseArguments(argc, argv, options)) {
     fputs(kUsage, stderr);
     return 2;
+  }
+  if (options.help) {
+    fputs(kUsage, stdout);
+    return 0;
+  }
+  if (!options.makeCerts.empty()) {
+    try {
+      TestPki::Write(options.makeCerts);
+    } catch (const std::exception& e) {
+      fprintf(stderr, "ovfeedback-receiver: %s\n", e.what());
+      return 1;
+    }
+    printf("wrote %s, %s, %s, %s, %s and %s to %s\n", TestPki::kCAFile, TestPki::kServerCertFile,
+           TestPki::kServerKeyFile, TestPki::kWrongHostFile, TestPki::kExpiredFile, TestPki::kUnknownCAFile,
+           options.makeCerts.c_str());
+    return 0;
   }
   // A client that goes away mid-answer must cost a failed write, not the process.
   signal(SIGPIPE, SIG_IGN);
