@@ -1,7 +1,9 @@
 // Scalar bencode values: integers and byte strings, their canonical writer and their lenient reader.
 #include "PhoneHome/Bencode.h"
 
+#include <atomic>
 #include <climits>
+#include <new>
 
 #include "AppLog.h"
 
@@ -10,89 +12,124 @@
   CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
 
 #if defined(__SANITIZE_ADDRESS__)
-#define OVF_BENCODE_NODE_CACHE 0  // let the sanitizer see every block
+#define OVF_BENCODE_NODE_POOL 0  // let the sanitizer see every block
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#define OVF_BENCODE_NODE_CACHE 0
+#define OVF_BENCODE_NODE_POOL 0
 #endif
 #endif
-#ifndef OVF_BENCODE_NODE_CACHE
-#define OVF_BENCODE_NODE_CACHE 1
+#ifndef OVF_BENCODE_NODE_POOL
+#define OVF_BENCODE_NODE_POOL 1
 #endif
 
 namespace {
 
 std::string TextBeforeZero(std::string const& text) { return text.substr(0, text.find('\0')); }
 
-// Blocks are cached in classes 16 bytes apart that follow the heap's own chunk steps (16-byte chunks with
-// an 8-byte header), so rounding a request up to its class costs no memory. Larger blocks are not cached.
-constexpr std::size_t kGranule = 16;
-constexpr std::size_t kClasses = 16;
-constexpr std::size_t kLargestCached = kClasses * kGranule - 8;
-// What one thread may hold in freed blocks: enough for the tree of a large file to be dropped and rebuilt
-// without going back to the heap.
-constexpr std::size_t kMaxCachedBytes = std::size_t(64) << 20;
+// Values and container entries are carved, in the order they are made, out of 64 KiB slabs: a tree parsed
+// from a file then lies in memory in file order, which is the order every walk (serialise, compare, destroy)
+// visits it. A block is never reused on its own; a slab goes back to the heap when its last block is released.
+constexpr std::size_t kSlabSize = std::size_t(64) << 10;
+constexpr std::size_t kLargestPooled = 512;
+constexpr std::size_t kBlockAlignment = alignof(void*);
 
-struct SFreeBlock {
-  SFreeBlock* next;
+struct SSlab {
+  // Blocks not yet released. While a thread carves from the slab it holds kCarvingBias here instead of
+  // counting each block it hands out, and settles the difference when it moves on (RetireSlab); blocks may be
+  // released on any thread meanwhile.
+  std::atomic<std::size_t> live;
 };
+constexpr std::size_t kCarvingBias = std::size_t(1) << 40;
 
-// Trivially destructible, so it stays usable while the thread's other thread-local objects are destroyed.
-struct SCacheLists {
-  SFreeBlock* heads[kClasses + 1];
-  std::size_t bytes;
-  bool drainArmed;
-  bool closed;  // the thread is exiting: release straight to the heap
+// Each block starts with the address of its slab, so that releasing needs no search.
+struct SBlockHeader {
+  SSlab* slab;
 };
-thread_local SCacheLists t_lists;
+constexpr std::size_t kSlabHeaderSize = (sizeof(SSlab) + kBlockAlignment - 1) / kBlockAlignment * kBlockAlignment;
 
-// Gives the cached blocks back to the heap when the thread ends.
-struct SCacheDrain {
-  ~SCacheDrain() {
-    for (SFreeBlock*& head : t_lists.heads) {
-      while (head != nullptr) {
-        SFreeBlock* next = head->next;
-        ::operator delete(head);
-        head = next;
-      }
-    }
-    t_lists.bytes = 0;
-    t_lists.closed = true;
+void DropSlab(SSlab* slab, std::size_t count) {
+  if (slab->live.fetch_sub(count, std::memory_order_acq_rel) == count) {
+    slab->~SSlab();
+    ::operator delete(slab);
   }
-  void Arm() {}
-};
-thread_local SCacheDrain t_drain;
+}
 
-std::size_t SizeClass(std::size_t size) { return (size + 8 + kGranule - 1) / kGranule; }
-std::size_t BlockSize(std::size_t sizeClass) { return sizeClass * kGranule - 8; }
+SSlab* NewSlab(std::size_t live) {
+  SSlab* slab = new (::operator new(kSlabSize)) SSlab;
+  slab->live.store(live, std::memory_order_relaxed);
+  return slab;
+}
+
+// The slab this thread carves from. Trivially destructible, so it stays usable while the thread's other
+// thread-local objects are destroyed.
+struct SCarving {
+  SSlab* slab;
+  char* next;
+  char* end;
+  std::size_t carved;  // blocks handed out of `slab`
+  bool armed;   // the exit hook below has been set up for this thread
+  bool closed;  // the thread is exiting: every block then gets a slab of its own
+};
+thread_local SCarving t_carving;
+
+// Stops carving from the thread's slab: what remains counted is the blocks still in use.
+void RetireSlab(SCarving& carving) {
+  if (carving.slab != nullptr) DropSlab(carving.slab, kCarvingBias - carving.carved);
+  carving.slab = nullptr;
+}
+
+struct SCarvingExit {
+  ~SCarvingExit() {
+    RetireSlab(t_carving);
+    t_carving.closed = true;
+  }
+};
+thread_local SCarvingExit t_carvingExit;
+
+std::size_t BlockFootprint(std::size_t size) {
+  return (sizeof(SBlockHeader) + size + kBlockAlignment - 1) / kBlockAlignment * kBlockAlignment;
+}
 
 }  // namespace
 
-void* CBencodeNodeCache::Allocate(std::size_t size) {
-  if (!OVF_BENCODE_NODE_CACHE || size > kLargestCached) return ::operator new(size);
-  std::size_t const sizeClass = SizeClass(size);
-  SFreeBlock* block = t_lists.heads[sizeClass];
-  if (block == nullptr) return ::operator new(BlockSize(sizeClass));
-  t_lists.heads[sizeClass] = block->next;
-  t_lists.bytes -= BlockSize(sizeClass);
-  return block;
+void* CBencodeNodePool::Allocate(std::size_t size) {
+  if (!OVF_BENCODE_NODE_POOL || size > kLargestPooled) return ::operator new(size);
+  std::size_t const footprint = BlockFootprint(size);
+  SCarving& carving = t_carving;
+  if (carving.slab == nullptr || carving.closed ||
+      static_cast<std::size_t>(carving.end - carving.next) < footprint) {
+    if (carving.closed) {
+      SSlab* fresh = NewSlab(1);
+      // Too late in the thread's life to keep a slab: this block's slab lives exactly as long as the block.
+      auto* header = reinterpret_cast<SBlockHeader*>(reinterpret_cast<char*>(fresh) + kSlabHeaderSize);
+      header->slab = fresh;
+      return header + 1;
+    }
+    if (!carving.armed) {
+      carving.armed = true;
+      (void)&t_carvingExit;  // constructs the exit hook for this thread
+    }
+    RetireSlab(carving);
+    SSlab* fresh = NewSlab(kCarvingBias);
+    carving.slab = fresh;
+    carving.next = reinterpret_cast<char*>(fresh) + kSlabHeaderSize;
+    carving.end = reinterpret_cast<char*>(fresh) + kSlabSize;
+    carving.carved = 0;
+  }
+  ++carving.carved;
+  auto* header = reinterpret_cast<SBlockHeader*>(carving.next);
+  header->slab = carving.slab;
+  carving.next += footprint;
+  return header + 1;
 }
 
-void CBencodeNodeCache::Release(void* block, std::size_t size) noexcept {
-  std::size_t const sizeClass = SizeClass(size);
-  if (!OVF_BENCODE_NODE_CACHE || block == nullptr || size > kLargestCached || t_lists.closed ||
-      t_lists.bytes + BlockSize(sizeClass) > kMaxCachedBytes) {
+void CBencodeNodePool::Release(void* block, std::size_t size) noexcept {
+  if (block == nullptr) return;
+  if (!OVF_BENCODE_NODE_POOL || size > kLargestPooled) {
     ::operator delete(block);
     return;
   }
-  if (!t_lists.drainArmed) {
-    t_lists.drainArmed = true;
-    t_drain.Arm();  // first use constructs it, which registers its destructor for this thread
-  }
-  SFreeBlock* const freed = static_cast<SFreeBlock*>(block);
-  freed->next = t_lists.heads[sizeClass];
-  t_lists.heads[sizeClass] = freed;
-  t_lists.bytes += BlockSize(sizeClass);
+  DropSlab((static_cast<SBlockHeader*>(block) - 1)->slab, 1);
 }
 
 CBencode::CBencode(EContentType type) : m_eType(type), m_iValue(0) {}
@@ -176,14 +213,10 @@ bool CBencode::operator==(CBencode const& other) const {
 bool CBencode::Externalize(CBencodeStream& stream) {
   switch (m_eType) {
     case eInteger:
-      stream.Write("i", 1);
-      stream << m_iValue;
-      stream.Write("e", 1);
+      stream.WriteInteger(m_iValue);
       return stream.Good();
     case eString:
-      stream << static_cast<long>(m_strValue.size());
-      stream.Write(":", 1);
-      stream << m_strValue;
+      stream.WriteString(m_strValue);
       return stream.Good();
     default:
       return false;

@@ -31,17 +31,16 @@ class CBencodeStream;
 class CBencodeList;
 class CBencodeDictionary;
 
-// Memory of bencode values and container entries. Parsing a file or dropping a tree allocates and frees them
-// by the hundred thousand, which the general heap handles badly (it consolidates and trims on large drops);
-// each thread therefore keeps the small blocks it frees, up to 64 MiB, and hands them out again before
-// asking the heap. A block may be freed on another thread than the one that allocated it.
-class OVF_API CBencodeNodeCache {
+// Memory of bencode values and container entries. Parsing a file makes them by the hundred thousand and a
+// tree is usually dropped as a whole, so they are carved in order out of larger slabs instead of asking the
+// heap for each (see Bencode.cpp). A block may be released on another thread than the one that made it.
+class OVF_API CBencodeNodePool {
  public:
   static void* Allocate(std::size_t size);
   static void Release(void* block, std::size_t size) noexcept;
 };
 
-// Standard allocator over CBencodeNodeCache, for the containers' entries.
+// Standard allocator over CBencodeNodePool, for the containers' entries.
 template <typename T>
 class CBencodeNodeAllocator {
  public:
@@ -49,8 +48,8 @@ class CBencodeNodeAllocator {
   CBencodeNodeAllocator() noexcept = default;
   template <typename U>
   CBencodeNodeAllocator(CBencodeNodeAllocator<U> const&) noexcept {}
-  T* allocate(std::size_t count) { return static_cast<T*>(CBencodeNodeCache::Allocate(count * sizeof(T))); }
-  void deallocate(T* block, std::size_t count) noexcept { CBencodeNodeCache::Release(block, count * sizeof(T)); }
+  T* allocate(std::size_t count) { return static_cast<T*>(CBencodeNodePool::Allocate(count * sizeof(T))); }
+  void deallocate(T* block, std::size_t count) noexcept { CBencodeNodePool::Release(block, count * sizeof(T)); }
   template <typename U>
   bool operator==(CBencodeNodeAllocator<U> const&) const noexcept { return true; }
   template <typename U>
@@ -79,8 +78,8 @@ class OVF_API CBencode {
   // Longest string value or key accepted by the reader, in bytes.
   static constexpr long sm_iMaxStringSize = 524288;
 
-  static void* operator new(std::size_t size) { return CBencodeNodeCache::Allocate(size); }
-  static void operator delete(void* block, std::size_t size) noexcept { CBencodeNodeCache::Release(block, size); }
+  static void* operator new(std::size_t size) { return CBencodeNodePool::Allocate(size); }
+  static void operator delete(void* block, std::size_t size) noexcept { CBencodeNodePool::Release(block, size); }
 
   explicit CBencode(EContentType type);
   explicit CBencode(long value);
@@ -165,6 +164,10 @@ class OVF_API CBencodeStream {
   CBencodeStream& operator<<(std::string const& text);
   // Integer reader of the bencode grammar: stops before 'e' or ':', "%lld" conversion.
   CBencodeStream& operator>>(long& value);
+  // A bencoded string: the byte count through the integer writer, ':', then the text (up to a zero byte).
+  void WriteString(std::string const& text);
+  // A bencoded integer: 'i', the integer writer's text, 'e'.
+  void WriteInteger(long value);
 
  private:
   friend class CBencode;
@@ -212,6 +215,24 @@ class OVF_API CBencodeStream {
     // Only directly after a Get that returned a byte.
     void Unget() { --m_ulGet; }
 
+    enum EScan { eScanStopped, eScanEnded, eScanFull };
+    // Copies bytes into `out` until 'e' or ':' (left unread), the end of the text (eof and fail set, as a
+    // byte-wise read sets them) or `capacity` bytes taken. The stream must be good.
+    EScan ScanIntegerText(char* out, int capacity, int& length) {
+      char const* const begin = m_strText.data() + m_ulGet;
+      std::size_t const available = m_strText.size() - m_ulGet;
+      std::size_t const limit = std::min<std::size_t>(available, static_cast<std::size_t>(capacity));
+      std::size_t n = 0;
+      while (n < limit && begin[n] != 'e' && begin[n] != ':') ++n;
+      std::memcpy(out, begin, n);
+      length = static_cast<int>(n);
+      m_ulGet += n;
+      if (n < limit) return eScanStopped;
+      if (n == static_cast<std::size_t>(capacity)) return eScanFull;
+      m_uiState |= eEofBit | eFailBit;
+      return eScanEnded;
+    }
+
     bool Read(char* out, unsigned long count) {
       if (!Good()) {
         Refuse();
@@ -246,10 +267,11 @@ class OVF_API CBencodeStream {
         if (m_uiState & eBadBit) m_uiState |= eFailBit;
         return false;
       }
-      if (m_ulPut == m_strText.size()) {
-        m_strText.append(in, count);
+      if (m_ulPut + count <= m_strText.size()) {
+        if (count != 0) std::memcpy(&m_strText[m_ulPut], in, count);  // over earlier text
       } else {
-        m_strText.replace(m_ulPut, count, in, count);  // overwrites, and extends past the end
+        m_strText.resize(m_ulPut);  // whatever stood from here on is overwritten
+        m_strText.append(in, count);
       }
       m_ulPut += count;
       return true;

@@ -165,9 +165,7 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
       BENCODE_FAILURE("Externalize", eBencodeError, "Dictionary item is NULL");
       return false;
     }
-    stream << static_cast<long>(entry.first.size());
-    stream.Write(":", 1);
-    stream << entry.first;
+    stream.WriteString(entry.first);
     if (!stream.Good()) {
       BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize key string");
       return false;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <cstring>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -80,7 +81,10 @@ ssize_t WriteOnce(int fd, char const* buffer, size_t count) {
 // then decimal digits up to the first non-digit; values beyond the range saturate as glibc's strtoll does.
 // False when no digit follows, which is when the scan converts nothing.
 bool ScanDecimal(char const* text, long& value) {
-  while (std::isspace(static_cast<unsigned char>(*text))) ++text;
+  // isspace only off the common path: the scan follows the locale, and files almost always hold bare digits.
+  if (*text < '0' || *text > '9') {
+    while (std::isspace(static_cast<unsigned char>(*text))) ++text;
+  }
   bool negative = *text == '-';
   if (*text == '-' || *text == '+') ++text;
   if (*text < '0' || *text > '9') return false;
@@ -223,6 +227,24 @@ CBencodeStream& CBencodeStream::operator<<(long value) {
   return *this;
 }
 
+void CBencodeStream::WriteString(std::string const& text) {
+  // One write for the "length:" head; the same bytes as the integer writer followed by ':'.
+  char head[sm_iMaxIntSize + 1];
+  std::to_chars_result const printed = std::to_chars(head, head + sm_iMaxIntSize - 1, static_cast<long>(text.size()));
+  *printed.ptr = ':';
+  m_buffer.Write(head, static_cast<unsigned long>(printed.ptr + 1 - head));
+  *this << text;
+}
+
+void CBencodeStream::WriteInteger(long value) {
+  // In one write, as the value is the most common token of a file.
+  char token[sm_iMaxIntSize + 2];
+  token[0] = 'i';
+  std::to_chars_result const printed = std::to_chars(token + 1, token + sm_iMaxIntSize, value);
+  *printed.ptr = 'e';
+  m_buffer.Write(token, static_cast<unsigned long>(printed.ptr + 1 - token));
+}
+
 CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
   m_buffer.Write(text.data(), std::min(text.size(), text.find('\0')));
   return *this;
@@ -235,23 +257,17 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
   }
   char text[sm_iMaxIntSize];
   int length = 0;
-  for (;;) {
-    int const c = m_buffer.Get();
-    if (c == EOF) {
+  switch (m_buffer.ScanIntegerText(text, sm_iMaxIntSize, length)) {
+    case CBuffer::eScanEnded:
       BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
       return *this;
-    }
-    if (c == 'e' || c == ':') {
-      m_buffer.Unget();
-      break;
-    }
-    text[length++] = static_cast<char>(c);
-    if (length == sm_iMaxIntSize) {
+    case CBuffer::eScanFull:
       // Deliberately leaves the stream good and the target unchanged, so an integer of exactly 21 characters
       // followed by 'e' parses as the old value and a 21-character length as 0: which files parse must not change.
       BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
       return *this;
-    }
+    case CBuffer::eScanStopped:
+      break;
   }
   text[length] = '\0';
 
