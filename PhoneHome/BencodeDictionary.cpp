@@ -218,6 +218,9 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
       BENCODE_FAILURE("Peek", eBencodeIllegalData, "Failed to internalize value type identifier");
       return false;
     }
+    // The entry is made before its value, so that entries and values lie in memory in the order a walk visits
+    // them; it holds no value until the value has parsed.
+    ItemMap::iterator const entry = m_items.emplace_hint(position, std::move(key), nullptr);
     std::unique_ptr<CBencode> value;
     char const* failure;
     switch (next) {
@@ -239,9 +242,10 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
         break;
     }
     if (!value->Internalize(stream)) {
+      m_items.erase(entry);
       BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", failure);
       return false;
     }
-    m_items.emplace_hint(position, std::move(key), value.release());
+    entry->second = value.release();
   }
 }

@@ -108,6 +108,20 @@ bool ScanDecimal(char const* text, long& value) {
   return true;
 }
 
+// The common case of the integer reader: nothing but up to 18 decimal digits, which cannot overflow and which
+// the full scan would convert to the same value.
+bool FitsPlainDigits(char const* text, int length, long& value) {
+  if (length == 0 || length > 18) return false;
+  long result = 0;
+  for (int i = 0; i < length; ++i) {
+    unsigned const digit = static_cast<unsigned char>(text[i]) - '0';
+    if (digit > 9) return false;
+    result = result * 10 + static_cast<long>(digit);
+  }
+  value = result;
+  return true;
+}
+
 }  // namespace
 
 CBencodeStream::CBencodeStream(std::string const& fileName, bool spool) : m_bSpool(spool) { SetFileName(fileName); }
@@ -271,6 +285,7 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
   }
   text[length] = '\0';
 
+  if (FitsPlainDigits(text, length, value)) return *this;
   if (!ScanDecimal(text, value)) {
     m_buffer.SetFail();
     BENCODE_FAILURE("ScanDecimal", CBencode::eBencodeIllegalData, "Failed to read integer value");
