@@ -600,7 +600,11 @@ int main(int argc, char** argv) {
                                  [f](benchmark::State& s) { Serialise(s, *f, true); })
         ->Unit(benchmark::kMillisecond);
     add("SerialiseToEmptyStream", SerialiseToEmptyStream);
-    add("Destroy", Destroy);
+    // Each timed destruction needs an untimed load first; a fixed count keeps the cheap cases from looping
+    // for minutes to fill the minimum time.
+    benchmark::RegisterBenchmark(("Destroy/" + f->name).c_str(), [f](benchmark::State& s) { Destroy(s, *f); })
+        ->Iterations(30)
+        ->Unit(benchmark::kMillisecond);
     add("Memcpy", Memcpy);
 #ifdef OVF_BENCH_LIBTORRENT
     add("LtDecodeWalk", LtDecodeWalk);
