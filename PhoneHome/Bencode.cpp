@@ -1,15 +1,9 @@
 // Scalar bencode values: integers and byte strings, their canonical writer and their lenient reader.
-#include "PhoneHome/Bencode.h"
+#include "PhoneHome/BencodeInternal.h"
 
 #include <atomic>
 #include <climits>
 #include <new>
-
-#include "AppLog.h"
-
-// Every failure of this unit is logged once, where it is detected, with the code it stands for.
-#define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
 
 #if defined(__SANITIZE_ADDRESS__)
 #define OVF_BENCODE_NODE_POOL 0  // let the sanitizer see every block

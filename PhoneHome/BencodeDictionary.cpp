@@ -3,11 +3,20 @@
 #include <iterator>
 #include <memory>
 
-#include "AppLog.h"
-#include "PhoneHome/Bencode.h"
+#include "PhoneHome/BencodeInternal.h"
 
-#define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+namespace {
+
+char const* ValueFailure(int firstByte) {
+  switch (firstByte) {
+    case 'i': return "Failed to internalize value of type integer";
+    case 'l': return "Failed to internalize value of type list";
+    case 'd': return "Failed to internalize value of type dictionary";
+    default: return "Failed to internalize value of type string";
+  }
+}
+
+}  // namespace
 
 CBencodeDictionary::CBencodeDictionary(bool spool) : CBencode(eDictionary), m_pStream(nullptr), m_bSpool(spool) {}
 
@@ -36,27 +45,13 @@ void CBencodeDictionary::SetBencodeFileName(std::string const& fileName) {
 
 EBencodeResult CBencodeDictionary::Internalize() {
   if (m_pStream == nullptr) return eBencodeNoStream;
-  EBencodeResult const loaded = m_pStream->LoadStream();
-  if (loaded != eBencodeOk) return loaded;
-  return Internalize(*m_pStream) ? eBencodeOk : eBencodeIllegalData;
+  return BencodeInternal::Load(*this, *m_pStream);
 }
 
 EBencodeResult CBencodeDictionary::Externalize(bool flush) {
   // Deliberately returns without a log line, unlike the list; kept as the dictionary has always behaved.
   if (m_pStream == nullptr) return eBencodeNoStream;
-  if (!m_pStream->Seekp(0, std::ios_base::beg)) m_pStream->Clear();
-  if (!Externalize(*m_pStream)) return eBencodeError;
-  if (!flush) return eBencodeOk;
-
-  bool wroteSideFile = false;
-  EBencodeResult const flushed = m_pStream->FlushStream(wroteSideFile);
-  if (flushed != eBencodeOk) {
-    BENCODE_FAILURE("FlushStream", flushed, "Failed to flush stream to the file");
-  } else if (m_bSpool && !wroteSideFile) {
-    Reset();  // handed over to the consumer
-  }
-  m_pStream->ResetStream();
-  return flushed;
+  return BencodeInternal::Store(*this, *m_pStream, m_bSpool, flush);
 }
 
 bool CBencodeDictionary::Insert(std::string const& key, long value) { return Insert(key, new CBencode(value)); }
@@ -221,29 +216,10 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
     // The entry is made before its value, so that entries and values lie in memory in the order a walk visits
     // them; it holds no value until the value has parsed.
     ItemMap::iterator const entry = m_items.emplace_hint(position, std::move(key), nullptr);
-    std::unique_ptr<CBencode> value;
-    char const* failure;
-    switch (next) {
-      case 'i':
-        value.reset(new CBencode(eInteger));
-        failure = "Failed to internalize value of type integer";
-        break;
-      case 'l':
-        value.reset(new CBencodeList(true));
-        failure = "Failed to internalize value of type list";
-        break;
-      case 'd':
-        value.reset(new CBencodeDictionary(true));
-        failure = "Failed to internalize value of type dictionary";
-        break;
-      default:
-        value.reset(new CBencode(eString));
-        failure = "Failed to internalize value of type string";
-        break;
-    }
+    std::unique_ptr<CBencode> value = BencodeInternal::NewValueFor(next);
     if (!value->Internalize(stream)) {
       m_items.erase(entry);
-      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", failure);
+      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", ValueFailure(next));
       return false;
     }
     entry->second = value.release();

@@ -1,11 +1,20 @@
 // The bencode list: an ordered sequence of owned values, optionally bound to a file.
 #include <memory>
 
-#include "AppLog.h"
-#include "PhoneHome/Bencode.h"
+#include "PhoneHome/BencodeInternal.h"
 
-#define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+namespace {
+
+char const* ItemFailure(int firstByte) {
+  switch (firstByte) {
+    case 'd': return "Failed to internalize list item of type dictionary";
+    case 'l': return "Failed to internalize list item of type list";
+    case 'i': return "Failed to internalize list item of type integer";
+    default: return "Failed to internalize list item of type string";
+  }
+}
+
+}  // namespace
 
 CBencodeList::CBencodeList(bool spool) : CBencode(eList), m_pStream(nullptr), m_bSpool(spool) {}
 
@@ -33,9 +42,7 @@ void CBencodeList::SetBencodeFileName(std::string const& fileName) {
 
 EBencodeResult CBencodeList::Internalize() {
   if (m_pStream == nullptr) return eBencodeNoStream;
-  EBencodeResult const loaded = m_pStream->LoadStream();
-  if (loaded != eBencodeOk) return loaded;
-  return Internalize(*m_pStream) ? eBencodeOk : eBencodeIllegalData;
+  return BencodeInternal::Load(*this, *m_pStream);
 }
 
 EBencodeResult CBencodeList::Externalize(bool flush) {
@@ -43,19 +50,7 @@ EBencodeResult CBencodeList::Externalize(bool flush) {
     BENCODE_FAILURE("Externalize", eBencodeNoStream, "Bencode stream should be set before calling Externalize");
     return eBencodeNoStream;
   }
-  if (!m_pStream->Seekp(0, std::ios_base::beg)) m_pStream->Clear();
-  if (!Externalize(*m_pStream)) return eBencodeError;
-  if (!flush) return eBencodeOk;
-
-  bool wroteSideFile = false;
-  EBencodeResult const flushed = m_pStream->FlushStream(wroteSideFile);
-  if (flushed != eBencodeOk) {
-    BENCODE_FAILURE("FlushStream", flushed, "Failed to flush stream to the file");
-  } else if (m_bSpool && !wroteSideFile) {
-    Reset();  // handed over to the consumer
-  }
-  m_pStream->ResetStream();
-  return flushed;
+  return BencodeInternal::Store(*this, *m_pStream, m_bSpool, flush);
 }
 
 bool CBencodeList::Append(long value) {
@@ -164,28 +159,9 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
       return stream.Good();
     }
 
-    std::unique_ptr<CBencode> item;
-    char const* failure;
-    switch (next) {
-      case 'd':
-        item.reset(new CBencodeDictionary(true));
-        failure = "Failed to internalize list item of type dictionary";
-        break;
-      case 'l':
-        item.reset(new CBencodeList(true));
-        failure = "Failed to internalize list item of type list";
-        break;
-      case 'i':
-        item.reset(new CBencode(eInteger));
-        failure = "Failed to internalize list item of type integer";
-        break;
-      default:
-        item.reset(new CBencode(eString));
-        failure = "Failed to internalize list item of type string";
-        break;
-    }
+    std::unique_ptr<CBencode> item = BencodeInternal::NewValueFor(next);
     if (!item->Internalize(stream)) {
-      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", failure);
+      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", ItemFailure(next));
       return false;
     }
     m_items.push_back(item.release());

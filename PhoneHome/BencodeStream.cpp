@@ -11,11 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "AppLog.h"
-#include "PhoneHome/Bencode.h"
-
-#define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+#include "PhoneHome/BencodeInternal.h"
 
 namespace {
 
@@ -291,4 +287,42 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
     BENCODE_FAILURE("ScanDecimal", CBencode::eBencodeIllegalData, "Failed to read integer value");
   }
   return *this;
+}
+
+std::unique_ptr<CBencode> BencodeInternal::NewValueFor(int firstByte) {
+  switch (firstByte) {
+    case 'i':
+      return std::make_unique<CBencode>(CBencode::eInteger);
+    case 'l':
+      return std::make_unique<CBencodeList>(true);
+    case 'd':
+      return std::make_unique<CBencodeDictionary>(true);
+    default:
+      return std::make_unique<CBencode>(CBencode::eString);
+  }
+}
+
+CBencode::EBencodeResult BencodeInternal::Load(CBencode& container, CBencodeStream& stream) {
+  CBencode::EBencodeResult const loaded = stream.LoadStream();
+  if (loaded != CBencode::eBencodeOk) return loaded;
+  return container.Internalize(stream) ? CBencode::eBencodeOk : CBencode::eBencodeIllegalData;
+}
+
+CBencode::EBencodeResult BencodeInternal::Store(CBencode& container, CBencodeStream& stream, bool spool,
+                                                   bool flush) {
+  if (!stream.Seekp(0, std::ios_base::beg)) stream.Clear();
+  if (!container.Externalize(stream)) return CBencode::eBencodeError;
+  if (!flush) return CBencode::eBencodeOk;
+
+  bool wroteSideFile = false;
+  CBencode::EBencodeResult const flushed = stream.FlushStream(wroteSideFile);
+  if (flushed != CBencode::eBencodeOk) {
+    // Reported as the container's Externalize, where the caller sees the failure.
+    CAppLog::LogReturnCode("Externalize", "Bencode", __LINE__, LOG_ERROR, "FlushStream", flushed,
+                           "Failed to flush stream to the file");
+  } else if (spool && !wroteSideFile) {
+    container.Reset();  // handed over to the consumer
+  }
+  stream.ResetStream();
+  return flushed;
 }

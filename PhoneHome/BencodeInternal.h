@@ -1,0 +1,29 @@
+// What the bencode unit's sources share: the log line macro, the value made for a peeked type byte, and the
+// steps that load and store a container through its file. Internal to the unit.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "AppLog.h"
+#include "PhoneHome/Bencode.h"
+
+// Every failure of the bencode unit is logged once, where it is detected, with the code it stands for.
+#define BENCODE_FAILURE(call, code, ...) \
+  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+
+namespace BencodeInternal {
+
+// An empty value of the type that a bencoded value starting with `firstByte` has: 'i' integer, 'l' list,
+// 'd' dictionary, and any other byte a string (so a stray byte fails as an illegal string).
+std::unique_ptr<CBencode> NewValueFor(int firstByte);
+
+// Loads the bound file and parses it into `container`: the stream's load code, -3 when the text does not
+// parse, 0. The caller has checked that a stream exists.
+CBencode::EBencodeResult Load(CBencode& container, CBencodeStream& stream);
+
+// Serialises `container` from the start of its stream and, with `flush`, writes the file; a spool hand-over
+// into the named file empties the container. The caller has checked that a stream exists.
+CBencode::EBencodeResult Store(CBencode& container, CBencodeStream& stream, bool spool, bool flush);
+
+}  // namespace BencodeInternal
