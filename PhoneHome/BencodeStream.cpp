@@ -12,42 +12,11 @@
 #include <unistd.h>
 
 #include "PhoneHome/BencodeInternal.h"
+#include "UniqueFd.h"
 
 namespace {
 
 char const kSideFileSuffix[] = ".temp";
-
-// Owns one file descriptor.
-class CFileDescriptor {
- public:
-  explicit CFileDescriptor(int fd) : m_fd(fd) {}
-  ~CFileDescriptor() { Close(); }
-  CFileDescriptor(CFileDescriptor const&) = delete;
-  CFileDescriptor& operator=(CFileDescriptor const&) = delete;
-
-  int Get() const { return m_fd; }
-  bool Valid() const { return m_fd >= 0; }
-  void Reset(int fd) {
-    Close();
-    m_fd = fd;
-  }
-  // close() is not retried on EINTR: on Linux the descriptor is gone either way.
-  void Close() {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = -1;
-  }
-
- private:
-  int m_fd;
-};
-
-int OpenFile(std::string const& path, int flags, mode_t mode = 0) {
-  int fd;
-  do {
-    fd = open(path.c_str(), flags | O_CLOEXEC, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
 
 int Flock(int fd, int operation) {
   int rc;
@@ -129,15 +98,15 @@ void CBencodeStream::SetFileName(std::string const& fileName) { m_strFileName = 
 CBencode::EBencodeResult CBencodeStream::LoadStream() {
   std::string const path = m_bSpool ? m_strFileName + kSideFileSuffix : m_strFileName;
 
-  CFileDescriptor file(OpenFile(path, O_RDONLY));
+  UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
   if (!file.Valid()) {
     int error = errno;
     if (error == ENOENT) {
-      CFileDescriptor created(OpenFile(path, O_WRONLY | O_CREAT, sm_fileCreationMode));
+      UniqueFd created(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT, sm_fileCreationMode));
       error = errno;
       if (created.Valid()) {
-        created.Close();
-        file.Reset(OpenFile(path, O_RDONLY));
+        created.Reset();
+        file.Reset(OpenCloexec(path.c_str(), O_RDONLY));
         error = errno;
       }
     }
@@ -173,11 +142,11 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
     BENCODE_FAILURE("flock", errno, "Failed to release file lock");
   }
   if (got < static_cast<ssize_t>(text.size())) {
-    file.Close();
+    file.Reset();
     BENCODE_FAILURE("read", readError, "File read failed");
     return CBencode::eBencodeError;
   }
-  file.Close();
+  file.Reset();
 
   std::string::size_type const zero = text.find('\0');
   if (zero != std::string::npos) text.resize(zero);
@@ -193,16 +162,18 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   std::string const& text = m_buffer.Text();
 
   bool toSideFile = false;
-  CFileDescriptor file(-1);
+  UniqueFd file(-1);
   if (m_bSpool) {
-    file.Reset(OpenFile(m_strFileName, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, sm_fileCreationMode));
+    file.Reset(
+        OpenCloexec(m_strFileName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, sm_fileCreationMode));
     if (!file.Valid() && errno == EEXIST) {
       // The consumer has not taken the last hand-over yet: keep the data beside it.
       toSideFile = true;
-      file.Reset(OpenFile(m_strFileName + kSideFileSuffix, O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
+      file.Reset(OpenCloexec((m_strFileName + kSideFileSuffix).c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                             sm_fileCreationMode));
     }
   } else {
-    file.Reset(OpenFile(m_strFileName, O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
+    file.Reset(OpenCloexec(m_strFileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
   }
   if (!file.Valid()) {
     BENCODE_FAILURE("open", errno, "File open failed");
@@ -215,7 +186,7 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   }
   ssize_t const written = WriteOnce(file.Get(), text.data(), text.size());
   Flock(file.Get(), LOCK_UN);
-  file.Close();
+  file.Reset();
 
   if (written < static_cast<ssize_t>(text.size())) {
     BENCODE_FAILURE("write", CBencode::eBencodeError, "File write failed");

@@ -10,6 +10,7 @@
 #include "PhoneHome/PhoneHomeXmlMgr.h"
 #include "SafeString.h"
 #include "UITranslator.h"
+#include "UniqueFd.h"
 #include "XmlParser.h"
 
 const char* const PHONEHOME_STATUS_FILENAME = "cefdisable";
@@ -21,23 +22,9 @@ const char kFeedbackDirName[] = "CustomerExperienceFeedback";
 const char kProfileFileName[] = "CustomerExperience_Feedback.xml";
 const long kBufferTooSmall = -3;
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : m_fd(fd) {}
-  ~FileDescriptor() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  bool IsOpen() const { return m_fd >= 0; }
-
- private:
-  int m_fd;
-};
-
 bool CanOpenForReading(const std::string& path) {
-  FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  return file.IsOpen();
+  UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
+  return file.Valid();
 }
 
 }  // namespace

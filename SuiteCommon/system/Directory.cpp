@@ -9,7 +9,6 @@
 #include "PosixFile.h"
 
 using SuiteSystem::CodeFromErrno;
-using SuiteSystem::UniqueFd;
 
 void Directory::Closer::operator()(DIR* dir) const { closedir(dir); }
 
@@ -19,7 +18,7 @@ Directory::~Directory() = default;
 long Directory::Open(const std::string& path) {
   Close();
   if (path.empty()) return m_lLastError = SYS_E_INVALIDARG;
-  UniqueFd fd(SuiteSystem::OpenCloexec(path.c_str(), O_RDONLY | O_DIRECTORY));
+  UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY | O_DIRECTORY));
   if (!fd.Valid()) return m_lLastError = CodeFromErrno(errno);
   DIR* dir = fdopendir(fd.Get());
   if (dir == nullptr) return m_lLastError = CodeFromErrno(errno);

@@ -9,25 +9,6 @@
 
 namespace SuiteSystem {
 
-UniqueFd::~UniqueFd() {
-  // No retry on EINTR: Linux releases the descriptor even then, and a retry could close a reused number.
-  if (m_iFd >= 0) close(m_iFd);
-}
-
-int UniqueFd::Release() {
-  int fd = m_iFd;
-  m_iFd = -1;
-  return fd;
-}
-
-int OpenCloexec(const char* path, int flags) {
-  int fd;
-  do {
-    fd = open(path, flags | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
-
 int ReadSmallFile(const std::string& path, size_t limit, std::string& text) {
   UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));
   if (!fd.Valid()) return errno;

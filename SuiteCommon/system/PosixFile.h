@@ -4,25 +4,9 @@
 #include <cstddef>
 #include <string>
 
+#include "UniqueFd.h"
+
 namespace SuiteSystem {
-
-// Owns one file descriptor and closes it on every way out.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : m_iFd(fd) {}
-  ~UniqueFd();
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int Get() const { return m_iFd; }
-  bool Valid() const { return m_iFd >= 0; }
-  int Release();
-
- private:
-  int m_iFd;
-};
-
-// open() with O_CLOEXEC added, retried on EINTR. -1 with errno set on failure.
-int OpenCloexec(const char* path, int flags);
 
 // Reads all of a small file into `text`. 0, or an errno value (EFBIG when the file holds more than `limit`
 // bytes); `text` is assigned only on success.

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "AppLog.h"
+#include "UniqueFd.h"
 #include "XmlMgr.h"
 
 // Anchors the handler interface's vtable and type information in the runtime library.
@@ -18,20 +19,6 @@ XmlMgr::~XmlMgr() = default;
 namespace {
 
 const char kUnit[] = "XmlParser";
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : m_fd(fd) {}
-  ~FileDescriptor() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
 
 struct ExpatParserFree {
   void operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
@@ -146,14 +133,14 @@ XmlParser::~XmlParser() = default;
 
 long XmlParser::parseFile(const std::string& path, bool deliverWhitespace) {
   try {
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) {
+    UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
+    if (!file.Valid()) {
       int error = errno;
       CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_DEBUG, "Cannot open \"%s\": %s", path.c_str(),
                                strerror(error));
       return error == ENOENT || error == ENOTDIR ? XMLPARSER_E_NOT_FOUND : XMLPARSER_E_OPEN;
     }
-    return ParseStream(file.get(), m_handler, deliverWhitespace, path);
+    return ParseStream(file.Get(), m_handler, deliverWhitespace, path);
   } catch (...) {
     // Only allocations can throw out here; the handler's exceptions are caught inside the callbacks.
     return XMLPARSER_E_NO_MEMORY;

@@ -9,26 +9,12 @@
 #include <cstring>
 
 #include "JsonForm.h"
+#include "UniqueFd.h"
 #include "LargeStack.h"
 
 namespace cef {
 
 namespace {
-
-// A file descriptor closed on every path.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 ssize_t ReadRetrying(int fd, char* buffer, size_t count) {
   ssize_t n;
@@ -40,10 +26,7 @@ ssize_t ReadRetrying(int fd, char* buffer, size_t count) {
 
 // Opens `path` for reading if it is a regular file, and reports its size.
 int OpenRegular(const std::string& path, unsigned long long& size, std::string& error) {
-  int fd;
-  do {
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenCloexec(path.c_str(), O_RDONLY | O_NONBLOCK);
   if (fd < 0) {
     error = path + ": " + std::strerror(errno);
     return -1;
@@ -149,11 +132,11 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& err
   unsigned long long size = 0;
   int fd = OpenRegular(path, size, error);
   if (fd < 0) return false;
-  FileDescriptor file(fd);
+  UniqueFd file(fd);
   std::string content;
   char buffer[1 << 16];
   for (;;) {
-    ssize_t n = ReadRetrying(file.get(), buffer, sizeof buffer);
+    ssize_t n = ReadRetrying(file.Get(), buffer, sizeof buffer);
     if (n < 0) {
       error = path + ": " + std::strerror(errno);
       return false;
@@ -170,13 +153,13 @@ size_t StackForFile(const std::string& path) {
   unsigned long long size = 0;
   int fd = OpenRegular(path, size, error);
   if (fd < 0) return StackForDepth(0);
-  FileDescriptor file(fd);
+  UniqueFd file(fd);
   // The loader refuses anything larger before parsing, so no more than this can ever nest.
   size_t left = kMaxFileSize;
   size_t depth = 0;
   char buffer[1 << 16];
   while (left > 0) {
-    ssize_t n = ReadRetrying(file.get(), buffer, std::min(left, sizeof buffer));
+    ssize_t n = ReadRetrying(file.Get(), buffer, std::min(left, sizeof buffer));
     if (n <= 0) break;
     depth += DepthBound(std::string_view(buffer, static_cast<size_t>(n)));
     left -= static_cast<size_t>(n);
@@ -189,9 +172,9 @@ bool LoadBencodeFile(const std::string& path, LoadedFile& file, std::string& err
   int fd = OpenRegular(path, size, error);
   if (fd < 0) return false;
   {
-    FileDescriptor probe(fd);
+    UniqueFd probe(fd);
     char first = 0;
-    ssize_t n = ReadRetrying(probe.get(), &first, 1);
+    ssize_t n = ReadRetrying(probe.Get(), &first, 1);
     if (n < 0) {
       error = path + ": " + std::strerror(errno);
       return false;

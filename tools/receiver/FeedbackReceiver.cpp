@@ -17,26 +17,13 @@
 #include <memory>
 #include <sstream>
 
+#include "UniqueFd.h"
+
 namespace {
 
 constexpr const char kFormPrefix[] = "data=";
 constexpr size_t kFormPrefixLength = sizeof kFormPrefix - 1;
 
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
@@ -56,10 +43,10 @@ bool WriteAll(int fd, const std::string& bytes) {
 // Writes through a temporary name and renames, so a reader never sees a half-written file.
 bool WriteFileAtomically(const std::string& path, const std::string& bytes) {
   std::string temp = path + ".tmp";
-  UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (fd.get() < 0) return false;
-  bool ok = WriteAll(fd.get(), bytes);
-  fd.reset();
+  UniqueFd fd(OpenCloexec(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+  if (!fd.Valid()) return false;
+  bool ok = WriteAll(fd.Get(), bytes);
+  fd.Reset();
   if (ok && rename(temp.c_str(), path.c_str()) == 0) return true;
   unlink(temp.c_str());
   return false;
