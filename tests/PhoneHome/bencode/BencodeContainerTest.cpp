@@ -1,6 +1,8 @@
 // Lists and dictionaries in memory: key order, ownership of children, keyed access, equality.
 #include <climits>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "BencodeTestUtil.h"
 
@@ -120,4 +122,27 @@ TEST(BencodeContainers, TreesMoveBetweenThreads) {
   std::thread([&] { tree = Parsed(text); }).join();
   std::thread([&] { tree.reset(); }).join();
   EXPECT_EQ(Serialised(*Parsed(text)), text);
+
+  // Trees dropped on one thread while another keeps building: memory freed on the consumer side must never
+  // disturb what the producer is still building (run under the thread sanitizer too).
+  std::mutex mutex;
+  std::vector<std::unique_ptr<CBencode>> handed;
+  std::thread producer([&] {
+    for (int i = 0; i < 2000; ++i) {
+      std::unique_ptr<CBencode> built = Parsed(text);
+      std::lock_guard<std::mutex> lock(mutex);
+      handed.push_back(std::move(built));
+    }
+  });
+  size_t dropped = 0;
+  while (dropped < 2000) {
+    std::vector<std::unique_ptr<CBencode>> batch;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      batch.swap(handed);
+    }
+    for (std::unique_ptr<CBencode>& each : batch) EXPECT_EQ(Serialised(*each), text);
+    dropped += batch.size();
+  }
+  producer.join();
 }
