@@ -17,6 +17,10 @@
 #include <memory>
 #include <sstream>
 
+#include <zlib.h>
+
+#include "JsonForm.h"
+#include "PhoneHome/Bencode.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -65,6 +69,45 @@ unsigned HighestStoredIndex(const std::string& dir) {
     }
   }
   return highest;
+}
+
+// zlib's inflate of a whole body; false when the bytes are not a zlib stream (the module may announce "Zip"
+// and still send the plain file, when compressing would not have made it smaller).
+bool Inflate(const std::string& in, std::string& out) {
+  z_stream zs{};
+  if (inflateInit(&zs) != Z_OK) return false;
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
+  zs.avail_in = static_cast<uInt>(in.size());
+  std::string result;
+  char chunk[65536];
+  int rc;
+  do {
+    zs.next_out = reinterpret_cast<Bytef*>(chunk);
+    zs.avail_out = sizeof chunk;
+    rc = inflate(&zs, Z_NO_FLUSH);
+    result.append(chunk, sizeof chunk - zs.avail_out);
+  } while (rc == Z_OK);
+  inflateEnd(&zs);
+  if (rc != Z_STREAM_END) return false;
+  out.swap(result);
+  return true;
+}
+
+// What the posted file holds: its top-level list decoded with the module's own classes and shown as JSON,
+// or why it does not decode. Returns the sidecar line.
+std::string Decode(const std::string& file, bool zipAnnounced, std::string& json) {
+  std::string text = file;
+  std::string note;
+  if (zipAnnounced) note = Inflate(file, text) ? ", inflated" : ", announced as zipped but not compressed";
+  CBencodeStream stream(std::string(), false);
+  stream.Write(text.data(), text.size());
+  stream.Seekg(0, std::ios_base::beg);
+  CBencodeList payload(false);
+  if (text.empty() || !payload.Internalize(stream)) return "decoded: no (not a bencode list" + note + ")";
+  std::ostringstream out;
+  cef::WriteJson(payload, out, 2);
+  json = out.str() + "\n";
+  return "decoded: list of " + std::to_string(payload.Items().size()) + " values" + note;
 }
 
 bool ParseNumber(const std::string& text, long& value) {
@@ -247,9 +290,12 @@ bool FeedbackReceiver::Store(const httplib::Request& request, const std::string&
     }
     meta += "zip: " + zip + "\n";
   }
-  // The sidecar first: once the body file is visible, its sidecar is too.
-  if (!WriteFileAtomically(base + ".meta", meta) ||
-      !WriteFileAtomically(base + ".bin", body.substr(kFormPrefixLength))) {
+  std::string const file = body.substr(kFormPrefixLength);
+  std::string json;
+  meta += Decode(file, hasZip && request.get_header_value("Zip") == "True", json) + "\n";
+  // The sidecars first: once the body file is visible, they are too.
+  if (!WriteFileAtomically(base + ".meta", meta) || (!json.empty() && !WriteFileAtomically(base + ".json", json)) ||
+      !WriteFileAtomically(base + ".bin", file)) {
     error = std::string("cannot store post: ") + strerror(errno);
     return false;
   }
