@@ -2,6 +2,9 @@
 // configuration pointed at it.
 #include "TlsTestEnv.h"
 
+#include <openssl/pem.h>
+#include <openssl/x509_vfy.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/bio.h>
@@ -276,4 +279,25 @@ std::string TlsTestEnv::LongBody(size_t length, long nulAt) {
   for (size_t i = 0; i < length; ++i) body[i] = static_cast<char>('a' + i % 26);
   if (nulAt >= 0 && static_cast<size_t>(nulAt) < length) body[static_cast<size_t>(nulAt)] = '\0';
   return body;
+}
+
+ServerChain::ServerChain(TestCert cert) : store_(X509_STORE_new()), ctx_(X509_STORE_CTX_new()) {
+  if (FILE* file = fopen(TlsTestEnv::CertFile(cert).c_str(), "r")) {
+    leaf_ = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    fclose(file);
+  }
+  X509_STORE_CTX_init(ctx_, store_, leaf_, nullptr);
+}
+
+ServerChain::~ServerChain() {
+  X509_STORE_CTX_free(ctx_);
+  X509_STORE_free(store_);
+  X509_free(leaf_);
+}
+
+std::string ServerChain::Der() const {
+  std::string der(static_cast<size_t>(i2d_X509(leaf_, nullptr)), '\0');
+  auto* out = reinterpret_cast<unsigned char*>(der.data());
+  i2d_X509(leaf_, &out);
+  return der;
 }

@@ -88,3 +88,25 @@ class TlsTestEnv {
   std::string savedCAFile_;
   std::vector<std::string> savedConnectTo_;
 };
+
+struct x509_st;
+struct x509_store_st;
+struct x509_store_ctx_st;
+
+// A store context holding a fixture certificate the way a handshake's does: as the certificate to verify,
+// with nothing trusted.
+class ServerChain {
+ public:
+  explicit ServerChain(TestCert cert);
+  ~ServerChain();
+  ServerChain(const ServerChain&) = delete;
+  ServerChain& operator=(const ServerChain&) = delete;
+  const x509_store_ctx_st* get() const { return ctx_; }
+  // The certificate's DER bytes.
+  std::string Der() const;
+
+ private:
+  x509_st* leaf_ = nullptr;
+  x509_store_st* store_ = nullptr;
+  x509_store_ctx_st* ctx_ = nullptr;
+};

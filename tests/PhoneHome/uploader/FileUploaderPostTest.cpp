@@ -15,6 +15,7 @@
 #include "LogCapture.h"
 #include "PhoneHome/FileUploader.h"
 #include "TlsTestEnv.h"
+#include "UploaderLog.h"
 
 namespace {
 
@@ -33,20 +34,6 @@ long Post(CFileUploader& uploader, const std::string& body, std::string& respons
   return uploader.PostDataGetResponse(url, body.data(), static_cast<int>(body.size()), response, zipped);
 }
 
-// The uploader's own log lines, in order: "<importance> <failing call> <code>" or "<importance> <text>".
-std::string OwnLog(const LogCapture& log) {
-  std::string out;
-  for (const LogRecord& r : log.Records()) {
-    if (r.file != "FileUploader") continue;
-    out += std::string(1, static_cast<char>(r.importance)) + " " +
-           (r.kind == LogRecord::eReturnCode ? r.failingCall + " " + std::to_string(r.code) : r.text) + "\n";
-  }
-  return out;
-}
-std::string Line(char importance, const std::string& text) { return std::string(1, importance) + " " + text + "\n"; }
-std::string Line(char importance, const std::string& call, long code) {
-  return Line(importance, call + " " + std::to_string(code));
-}
 
 }  // namespace
 

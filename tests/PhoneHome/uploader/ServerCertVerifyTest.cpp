@@ -13,6 +13,7 @@
 #include "PhoneHome/FileUploader.h"
 #include "RuntimeConfig.h"
 #include "TlsTestEnv.h"
+#include "UploaderLog.h"
 
 namespace {
 
@@ -24,44 +25,6 @@ const char kDifferent[] =
 const char kNullParameters[] = "Unable to verify server certificate due to invalid NULL parameters.";
 constexpr unsigned int kPoison = 0xDEADBEEF;
 
-// A store context holding a fixture certificate as the server's, as a handshake's does, trusting nothing.
-class ServerChain {
- public:
-  explicit ServerChain(TestCert cert) {
-    if (FILE* file = fopen(TlsTestEnv::CertFile(cert).c_str(), "r")) {
-      leaf_.reset(PEM_read_X509(file, nullptr, nullptr, nullptr));
-      fclose(file);
-    }
-    X509_STORE_CTX_init(ctx_.get(), store_.get(), leaf_.get(), nullptr);
-  }
-  const x509_store_ctx_st* get() const { return ctx_.get(); }
-  std::string Der() const {
-    std::string der(static_cast<size_t>(i2d_X509(leaf_.get(), nullptr)), '\0');
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
-    i2d_X509(leaf_.get(), &out);
-    return der;
-  }
-
- private:
-  std::unique_ptr<X509, decltype(&X509_free)> leaf_{nullptr, X509_free};
-  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store_{X509_STORE_new(), X509_STORE_free};
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx_{X509_STORE_CTX_new(), X509_STORE_CTX_free};
-};
-
-// The uploader's own log lines, in order: "<importance> <failing call> <code>" or "<importance> <text>".
-std::string OwnLog(const LogCapture& log) {
-  std::string out;
-  for (const LogRecord& r : log.Records()) {
-    if (r.file != "FileUploader") continue;
-    out += std::string(1, static_cast<char>(r.importance)) + " " +
-           (r.kind == LogRecord::eReturnCode ? r.failingCall + " " + std::to_string(r.code) : r.text) + "\n";
-  }
-  return out;
-}
-std::string Line(char importance, const std::string& text) { return std::string(1, importance) + " " + text + "\n"; }
-std::string Line(char importance, const std::string& call, long code) {
-  return Line(importance, call + " " + std::to_string(code));
-}
 
 class ServerCertVerifyTest : public ::testing::Test {
  protected:

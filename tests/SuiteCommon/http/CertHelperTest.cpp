@@ -15,31 +15,6 @@
 
 namespace {
 
-// A store context holding a server certificate the way a handshake's does: as the certificate to verify,
-// with nothing trusted.
-class ServerChain {
- public:
-  explicit ServerChain(TestCert cert) {
-    if (FILE* file = fopen(TlsTestEnv::CertFile(cert).c_str(), "r")) {
-      leaf_.reset(PEM_read_X509(file, nullptr, nullptr, nullptr));
-      fclose(file);
-    }
-    X509_STORE_CTX_init(ctx_.get(), store_.get(), leaf_.get(), nullptr);
-  }
-  const x509_store_ctx_st* get() const { return ctx_.get(); }
-  std::string Der() const {
-    std::string der(static_cast<size_t>(i2d_X509(leaf_.get(), nullptr)), '\0');
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
-    i2d_X509(leaf_.get(), &out);
-    return der;
-  }
-
- private:
-  std::unique_ptr<X509, decltype(&X509_free)> leaf_{nullptr, X509_free};
-  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store_{X509_STORE_new(), X509_STORE_free};
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx_{X509_STORE_CTX_new(), X509_STORE_CTX_free};
-};
-
 class CertHelperTest : public ::testing::Test {
  protected:
   void TearDown() override { SuiteRuntime::SetTrustedCAFile(saved_); }
