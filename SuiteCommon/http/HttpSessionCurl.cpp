@@ -194,6 +194,8 @@ struct CHttpSessionCurl::Impl {
   long Perform(unsigned long& detail, unsigned int timeoutMs);
   long Finish(CURLcode transfer, bool aborted, unsigned long& detail);
   void ResetRequest();
+  // Forgets the answer (and how much of the body went out) before a request is sent or dropped.
+  void ClearResponse();
 
   static size_t OnBody(char* data, size_t size, size_t count, void* self);
   static size_t OnHeader(char* data, size_t size, size_t count, void* self);
@@ -413,6 +415,10 @@ void CHttpSessionCurl::Impl::ResetRequest() {
   url.clear();
   host.clear();
   body.clear();
+  ClearResponse();
+}
+
+void CHttpSessionCurl::Impl::ClearResponse() {
   bodySent = 0;
   haveResponse = false;
   status = 0;
@@ -422,6 +428,7 @@ void CHttpSessionCurl::Impl::ResetRequest() {
   responseTooLarge = false;
   certRejected = false;
   certResult = 0;
+  errorText[0] = '\0';
 }
 
 long CHttpSessionCurl::AddRequestHeader(const std::string& name, const std::string& value) {
@@ -476,16 +483,7 @@ long CHttpSessionCurl::SendRequest(unsigned long& detail, int finalPart, const c
 
 long CHttpSessionCurl::Impl::Perform(unsigned long& detail, unsigned int timeoutMs) {
   CURL* e = easy.get();
-  haveResponse = false;
-  status = 0;
-  responseHeaders.clear();
-  responseBody.clear();
-  readOffset = 0;
-  responseTooLarge = false;
-  certRejected = false;
-  certResult = 0;
-  errorText[0] = '\0';
-  bodySent = 0;
+  ClearResponse();
 
   bool ok = true;
   auto set = [&ok](CURLcode code) { ok = ok && code == CURLE_OK; };
