@@ -10,7 +10,7 @@
 
 // Every failure of the bencode unit is logged once, where it is detected, with the code it stands for.
 #define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, LOG_ERROR, call, code, __VA_ARGS__)
+  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, APPLOG_ERROR, call, code, __VA_ARGS__)
 
 namespace BencodeInternal {
 

@@ -289,7 +289,7 @@ CBencode::EBencodeResult BencodeInternal::Store(CBencode& container, CBencodeStr
   CBencode::EBencodeResult const flushed = stream.FlushStream(wroteSideFile);
   if (flushed != CBencode::eBencodeOk) {
     // Reported as the container's Externalize, where the caller sees the failure.
-    CAppLog::LogReturnCode("Externalize", "Bencode", __LINE__, LOG_ERROR, "FlushStream", flushed,
+    CAppLog::LogReturnCode("Externalize", "Bencode", __LINE__, APPLOG_ERROR, "FlushStream", flushed,
                            "Failed to flush stream to the file");
   } else if (spool && !wroteSideFile) {
     container.Reset();  // handed over to the consumer

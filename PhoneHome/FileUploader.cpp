@@ -84,7 +84,7 @@ long CFileUploader::PostDataGetResponse(const std::string& url, const char* data
 
   long rc = m_pHttpSession->OpenRequest(url, kRequestTypePost, kRequestFlags, kRequestSecure, zipped);
   if (rc != 0) {
-    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CHttpSessionWinHttp::OpenRequest", rc);
+    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CHttpSessionWinHttp::OpenRequest", rc);
     return rc;
   }
   if (zipped) m_pHttpSession->AddRequestHeader("Zip", "True");
@@ -95,12 +95,12 @@ long CFileUploader::PostDataGetResponse(const std::string& url, const char* data
     if (m_bStrictSendErrors) {
       // Deliberately closed twice (before the log line and again below); closing a closed request is a no-op.
       m_pHttpSession->CloseRequest();
-      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CFileUploader::SendHttpRequest", rc);
+      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CFileUploader::SendHttpRequest", rc);
     } else if (Code32(rc) == Code32(HTTP_E_ABORTED)) {
       // An abort is the agent's own stop, not a failure worth a log line.
       rc = FILEUPLOADER_E_SEND_ABORTED;
     } else {
-      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CFileUploader::SendHttpRequest", rc);
+      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CFileUploader::SendHttpRequest", rc);
     }
     m_pHttpSession->CloseRequest();
     return rc;
@@ -108,7 +108,7 @@ long CFileUploader::PostDataGetResponse(const std::string& url, const char* data
 
   rc = ReadFileFromNetwork(response);
   if (rc != 0) {
-    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CFileUploader::ReadFileFromNetwork", rc);
+    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CFileUploader::ReadFileFromNetwork", rc);
   }
   m_pHttpSession->CloseRequest();
   return rc;
@@ -122,7 +122,7 @@ long CFileUploader::SendHttpRequest(const char* data, int length) {
 
   // Deliberately the out-word, not the result: the transport's own code or the HTTP status is what tells an
   // operator why; the caller logs the result.
-  CAppLog::LogReturnCode("CFileUploader::SendHttpRequest", kLogFile, __LINE__, LOG_WARNING,
+  CAppLog::LogReturnCode("CFileUploader::SendHttpRequest", kLogFile, __LINE__, APPLOG_WARNING,
                          "HttpSession::SendRequest", static_cast<long>(detail));
   if (Code32(rc) == Code32(HTTP_E_SEND_FAILED)) {
     return m_bUseAlternateResult ? FILEUPLOADER_E_SEND_FAILED_ALT : FILEUPLOADER_E_SEND_FAILED;
@@ -139,7 +139,7 @@ long CFileUploader::ReadFileFromNetwork(std::string& response) {
   unsigned long bytesRead = 0;
   long rc = m_pHttpSession->ReadResponse(buffer.get(), kResponseBufferSize, bytesRead);
   if (rc != 0) {
-    CAppLog::LogReturnCode("CFileUploader::ReadFileFromNetwork", kLogFile, __LINE__, LOG_ERROR, "ReadFile", rc);
+    CAppLog::LogReturnCode("CFileUploader::ReadFileFromNetwork", kLogFile, __LINE__, APPLOG_ERROR, "ReadFile", rc);
     return rc;
   }
   if (bytesRead > kResponseBufferSize) bytesRead = kResponseBufferSize;
@@ -162,7 +162,7 @@ long CFileUploader::ServerCertVerifyCB(void* context, const x509_store_ctx_st* s
                                        unsigned int& verifyFlags) {
   static const char kFunction[] = "CFileUploader::ServerCertVerifyCB";
   if (context == nullptr || storeContext == nullptr) {
-    CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, LOG_WARNING,
+    CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, APPLOG_WARNING,
                              "Unable to verify server certificate due to invalid NULL parameters.");
     return FILEUPLOADER_E_INVALID_PARAMETER;
   }
@@ -170,7 +170,7 @@ long CFileUploader::ServerCertVerifyCB(void* context, const x509_store_ctx_st* s
   long rc = uploader->ServerCertVerify(storeContext, contextId, serverName, trustMode, referenceCertificate,
                                        verifyFlags);
   if (rc != 0) {
-    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_WARNING, "CFileUploader::ServerCertVerify", rc);
+    CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_WARNING, "CFileUploader::ServerCertVerify", rc);
   }
   return rc;
 }
@@ -182,7 +182,7 @@ long CFileUploader::ServerCertVerify(const x509_store_ctx_st* storeContext, eCer
   if (trustMode == HTTP_CERT_TRUST_ANY) return 0;
 
   if (storeContext == nullptr || serverName.empty()) {
-    CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, LOG_ERROR,
+    CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, APPLOG_ERROR,
                              "The server certificate for the secondary connection is not trusted.");
     return FILEUPLOADER_E_INVALID_PARAMETER;
   }
@@ -192,14 +192,14 @@ long CFileUploader::ServerCertVerify(const x509_store_ctx_st* storeContext, eCer
     long rc = CUnixImpersonate::GetUsernameOwningProcess(getpid(), userName);
     if (rc != 0) {
       // Not fatal: the name only tells the helper on whose behalf it checks; it gets whatever was found.
-      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_WARNING,
+      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_WARNING,
                              "CUnixImpersonate::GetUsernameOwningProcess", rc);
     }
 
     long status = 0;
     CCertHelper certHelper(status, kCertHelperFlags, userName);
     if (status != 0) {
-      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CCertHelper::CCertHelper", status);
+      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CCertHelper::CCertHelper", status);
       return status;
     }
 
@@ -208,7 +208,7 @@ long CFileUploader::ServerCertVerify(const x509_store_ctx_st* storeContext, eCer
                                             kRevocationType, false, kCertPolicyFlags);
     if (!IsSoftCertResult(rc)) {
       // Logged on success too, with code 0: the log then shows every server the module decided to trust.
-      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, LOG_ERROR, "CCertHelper::VerifyServerCertificate",
+      CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CCertHelper::VerifyServerCertificate",
                              rc);
       return rc;
     }
@@ -220,7 +220,7 @@ long CFileUploader::ServerCertVerify(const x509_store_ctx_st* storeContext, eCer
       case HTTP_CERT_TRUST_PREFER_REFERENCE:
         if (!referenceCertificate.empty() && referenceCertificate == certificate) return 0;
         if (trustMode == HTTP_CERT_TRUST_PREFER_REFERENCE) return 0;
-        CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, LOG_ERROR,
+        CAppLog::LogDebugMessage(kFunction, kLogFile, __LINE__, APPLOG_ERROR,
                                  "The server certificate for the secondary connection is different than the "
                                  "(trusted) server certificate used for the primary connection.  The server "
                                  "certificate for the secondary connection is not trusted.");

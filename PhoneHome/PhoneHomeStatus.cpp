@@ -41,7 +41,7 @@ bool CPhoneHomeStatus::SupportsInterface(const char* id, unsigned int version) {
 void CPhoneHomeStatus::LoadStatusFromConfigFile(bool& enabled, bool& /*crashDumpEnabled*/) {
   try {
     if (!CanOpenForReading(m_strConfigFile)) {
-      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_WARNING, "Config file \"%s\" not exist.",
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_WARNING, "Config file \"%s\" not exist.",
                                m_strConfigFile.c_str());
       return;
     }
@@ -49,7 +49,7 @@ void CPhoneHomeStatus::LoadStatusFromConfigFile(bool& enabled, bool& /*crashDump
     XmlParser parser(profile);
     long result = parser.parseFile(m_strConfigFile, false);
     if (result != 0) {
-      CAppLog::LogReturnCode(__FUNCTION__, kUnit, __LINE__, LOG_ERROR, "XmlParser::parseFile", result,
+      CAppLog::LogReturnCode(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "XmlParser::parseFile", result,
                              "Cannot parse \"%s\".", m_strConfigFile.c_str());
       return;
     }
@@ -58,7 +58,7 @@ void CPhoneHomeStatus::LoadStatusFromConfigFile(bool& enabled, bool& /*crashDump
     enabled = !profile.GetServiceDisable();
   } catch (...) {
     // Only an allocation can fail here; the caller's defaults stand, as for any other failure.
-    CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_ERROR, "Out of memory reading the profile.");
+    CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "Out of memory reading the profile.");
   }
 }
 

@@ -7,12 +7,12 @@
 
 #include "ApiExport.h"
 
-// Importance letters, passed as the log calls' importance argument.
+// Importance letters, passed as the log calls' importance argument. (Not LOG_*: <syslog.h> owns those names.)
 enum : int {
-  LOG_ERROR = 'E',
-  LOG_WARNING = 'W',
-  LOG_INFO = 'I',
-  LOG_DEBUG = 'D',
+  APPLOG_ERROR = 'E',
+  APPLOG_WARNING = 'W',
+  APPLOG_INFO = 'I',
+  APPLOG_DEBUG = 'D',
 };
 
 // Catalogue message ids of the runtime's message catalogue.
@@ -24,7 +24,7 @@ struct SC_API LogRecord {
   enum EKind { eDebugMessage, eReturnCode, eCatalogueMessage };
 
   EKind kind = eDebugMessage;
-  int importance = LOG_INFO;  // one of the LOG_* letters
+  int importance = APPLOG_INFO;  // one of the LOG_* letters
   std::string function;
   std::string file;           // the unit's log name, e.g. "Bencode"
   int line = 0;

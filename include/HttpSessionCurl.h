@@ -16,7 +16,7 @@ struct x509_store_ctx_st;
 
 // How far the session trusts a server certificate that the platform's checks do not fully accept; handed to
 // the certificate callback, which makes the decision.
-enum HTTP_CERT_TRUST_MODE {
+enum HTTP_CERT_TRUST_MODE : int {
   HTTP_CERT_TRUST_STRICT = 0,           // only a certificate that passes every check
   HTTP_CERT_TRUST_SAME_AS_REFERENCE = 1, // soft failures only when the certificate equals the reference one
   HTTP_CERT_TRUST_PREFER_REFERENCE = 2,  // soft failures accepted

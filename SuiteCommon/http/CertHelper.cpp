@@ -146,19 +146,19 @@ CCertHelper::CCertHelper(long& status, unsigned int flags, const std::string& us
   status = 0;
   m_store.reset(X509_STORE_new());
   if (!m_store) {
-    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "X509_STORE_new", CERT_E_INTERNAL);
+    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "X509_STORE_new", CERT_E_INTERNAL);
     status = CERT_E_INTERNAL;
     return;
   }
   const std::string caFile = SuiteRuntime::GetTrustedCAFile();
   if (caFile.empty()) {
     if (X509_STORE_set_default_paths(m_store.get()) != 1) {
-      CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "X509_STORE_set_default_paths",
+      CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "X509_STORE_set_default_paths",
                              CERT_E_TRUST_STORE, "Cannot load the system trust store");
       status = CERT_E_TRUST_STORE;
     }
   } else if (X509_STORE_load_file(m_store.get(), caFile.c_str()) != 1) {
-    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "X509_STORE_load_file", CERT_E_TRUST_STORE,
+    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "X509_STORE_load_file", CERT_E_TRUST_STORE,
                            "Cannot load the trusted CA file %s", caFile.c_str());
     status = CERT_E_TRUST_STORE;
   } else {
@@ -174,14 +174,14 @@ long CCertHelper::VerifyServerCertificate(const x509_store_ctx_st* storeContext,
                                           unsigned int& verifyFlags, int revocationType, bool /*allowUserPrompt*/,
                                           unsigned int /*policyFlags*/) {
   if (storeContext == nullptr || serverName.empty()) {
-    CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, LOG_WARNING,
+    CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, APPLOG_WARNING,
                              "No certificate chain or no server name to verify");
     return CERT_E_INVALID_ARGUMENT;
   }
   if (!m_store) return CERT_E_TRUST_STORE;
   X509* leaf = X509_STORE_CTX_get0_cert(storeContext);
   if (leaf == nullptr) {
-    CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, LOG_WARNING,
+    CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, APPLOG_WARNING,
                              "The handshake holds no server certificate for %s", serverName.c_str());
     return CERT_E_NO_CERTIFICATE;
   }
@@ -226,7 +226,7 @@ long CCertHelper::VerifyServerCertificate(const x509_store_ctx_st* storeContext,
   }
   long code = MapVerifyError(reported->error, reported->depth);
   verifyFlags = static_cast<unsigned int>(reported->error);
-  CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, LOG_WARNING,
+  CAppLog::LogDebugMessage(__func__, kLogFile, __LINE__, APPLOG_WARNING,
                            "Server certificate for %s (connection %d, user %s) not accepted: %s at depth %d",
                            serverName.c_str(), certContextId, m_userName.c_str(),
                            reported->error == X509_V_ERR_HOSTNAME_MISMATCH

@@ -236,14 +236,14 @@ CHttpSessionCurl::CHttpSessionCurl(long& status, const std::string& serverUrl, c
   status = 0;
   if (!GlobalInit()) {
     status = HTTP_E_TLS_BACKEND;
-    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "curl_global_init", status,
+    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "curl_global_init", status,
                            "libcurl is not available with its OpenSSL back end");
     return;
   }
   s.multi.reset(curl_multi_init());
   if (!s.multi) {
     status = HTTP_E_INIT_FAILED;
-    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "curl_multi_init", status);
+    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "curl_multi_init", status);
     return;
   }
   UrlPtr parsed(curl_url());
@@ -251,7 +251,7 @@ CHttpSessionCurl::CHttpSessionCurl(long& status, const std::string& serverUrl, c
   if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, serverUrl.c_str(), 0) != CURLUE_OK ||
       !UrlPart(parsed.get(), CURLUPART_SCHEME, scheme) || !SchemeAllowed(scheme, useTls)) {
     status = HTTP_E_INVALID_ARGUMENT;
-    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, LOG_ERROR, "curl_url_set", status, "Invalid server URL \"%s\"",
+    CAppLog::LogReturnCode(__func__, kLogFile, __LINE__, APPLOG_ERROR, "curl_url_set", status, "Invalid server URL \"%s\"",
                            serverUrl.c_str());
   }
 }
@@ -274,7 +274,7 @@ long CHttpSessionCurl::OpenRequest(const std::string& url, int requestType, unsi
 
 long CHttpSessionCurl::Impl::Open(const std::string& requestUrl, int type, int secure) {
   if (type != HTTP_REQUEST_GET && type != HTTP_REQUEST_POST) {
-    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, LOG_ERROR, "OpenRequest", HTTP_E_INVALID_ARGUMENT,
+    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, APPLOG_ERROR, "OpenRequest", HTTP_E_INVALID_ARGUMENT,
                            "Unsupported request type %d", type);
     return HTTP_E_INVALID_ARGUMENT;
   }
@@ -283,13 +283,13 @@ long CHttpSessionCurl::Impl::Open(const std::string& requestUrl, int type, int s
   std::string scheme;
   if (curl_url_set(parsed.get(), CURLUPART_URL, requestUrl.c_str(), 0) != CURLUE_OK ||
       !UrlPart(parsed.get(), CURLUPART_SCHEME, scheme) || !UrlPart(parsed.get(), CURLUPART_HOST, host)) {
-    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, LOG_ERROR, "curl_url_set", HTTP_E_INVALID_ARGUMENT,
+    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, APPLOG_ERROR, "curl_url_set", HTTP_E_INVALID_ARGUMENT,
                            "Invalid URL \"%s\"", requestUrl.c_str());
     return HTTP_E_INVALID_ARGUMENT;
   }
   bool tlsRequired = useTls || secure != 0;
   if (!SchemeAllowed(scheme, tlsRequired)) {
-    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, LOG_ERROR, "OpenRequest", HTTP_E_INVALID_ARGUMENT,
+    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, APPLOG_ERROR, "OpenRequest", HTTP_E_INVALID_ARGUMENT,
                            "URL \"%s\" does not use %s", requestUrl.c_str(), tlsRequired ? "https" : "http(s)");
     return HTTP_E_INVALID_ARGUMENT;
   }
@@ -386,7 +386,7 @@ long CHttpSessionCurl::Impl::Configure() {
     set(curl_easy_setopt(e, CURLOPT_BUFFERSIZE, bufferSize));
   }
   if (!ok) {
-    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, LOG_ERROR, "curl_easy_setopt", HTTP_E_SETUP_FAILED,
+    CAppLog::LogReturnCode("OpenRequest", kLogFile, __LINE__, APPLOG_ERROR, "curl_easy_setopt", HTTP_E_SETUP_FAILED,
                            "libcurl refused an option for %s", url.c_str());
     return HTTP_E_SETUP_FAILED;
   }
@@ -502,7 +502,7 @@ long CHttpSessionCurl::Impl::Perform(unsigned long& detail, unsigned int timeout
   set(curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeoutMs)));
   set(curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs != 0 ? timeoutMs : transferTimeoutMs)));
   if (!ok || curl_multi_add_handle(multi.get(), e) != CURLM_OK) {
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_ERROR, "curl_easy_setopt", HTTP_E_SETUP_FAILED,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_ERROR, "curl_easy_setopt", HTTP_E_SETUP_FAILED,
                            "Cannot start the request to %s", url.c_str());
     return HTTP_E_SETUP_FAILED;
   }
@@ -531,7 +531,7 @@ long CHttpSessionCurl::Impl::Perform(unsigned long& detail, unsigned int timeout
   }
   curl_multi_remove_handle(multi.get(), e);
   if (multiFailed) {
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_ERROR, "curl_multi_perform", HTTP_E_TRANSFER_FAILED,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_ERROR, "curl_multi_perform", HTTP_E_TRANSFER_FAILED,
                            "Transfer to %s failed", url.c_str());
     return HTTP_E_TRANSFER_FAILED;
   }
@@ -542,26 +542,26 @@ long CHttpSessionCurl::Impl::Perform(unsigned long& detail, unsigned int timeout
 long CHttpSessionCurl::Impl::Finish(CURLcode transfer, bool aborted, unsigned long& detail) {
   if (aborted) {
     detail = CURLE_ABORTED_BY_CALLBACK;
-    CAppLog::LogDebugMessage("SendRequest", kLogFile, __LINE__, LOG_INFO, "Request to %s aborted", url.c_str());
+    CAppLog::LogDebugMessage("SendRequest", kLogFile, __LINE__, APPLOG_INFO, "Request to %s aborted", url.c_str());
     return HTTP_E_ABORTED;
   }
   detail = static_cast<unsigned long>(transfer);
   long code = 0;
   if (certRejected) {
     code = HTTP_E_CERT_REJECTED;
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_WARNING, "ServerCertVerifyCB", certResult,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_WARNING, "ServerCertVerifyCB", certResult,
                            "Server certificate of %s refused", host.c_str());
     return code;
   }
   if (responseTooLarge) {
     code = HTTP_E_RESPONSE_TOO_LARGE;
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_WARNING, "SendRequest", code,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_WARNING, "SendRequest", code,
                            "Answer of %s exceeds %zu bytes", url.c_str(), kMaxResponseBytes);
     return code;
   }
   if (transfer != CURLE_OK) {
     code = MapTransferResult(transfer);
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_WARNING, "curl_multi_perform", code,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_WARNING, "curl_multi_perform", code,
                            "Request to %s failed: %s (libcurl %d)", url.c_str(),
                            errorText[0] != '\0' ? errorText : curl_easy_strerror(transfer), static_cast<int>(transfer));
     return code;
@@ -570,7 +570,7 @@ long CHttpSessionCurl::Impl::Finish(CURLcode transfer, bool aborted, unsigned lo
   haveResponse = true;
   if (status < 200 || status > 299) {
     detail = static_cast<unsigned long>(status);
-    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, LOG_WARNING, "SendRequest", HTTP_E_STATUS,
+    CAppLog::LogReturnCode("SendRequest", kLogFile, __LINE__, APPLOG_WARNING, "SendRequest", HTTP_E_STATUS,
                            "Server %s answered with status %ld", url.c_str(), status);
     return HTTP_E_STATUS;
   }

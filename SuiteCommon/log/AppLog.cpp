@@ -48,9 +48,9 @@ std::string FormatV(const char* format, va_list args) {
 
 int SyslogPriority(int importance) {
   switch (importance) {
-    case LOG_ERROR: return LOG_ERR;
-    case LOG_WARNING: return LOG_WARNING;
-    case LOG_DEBUG: return LOG_DEBUG;
+    case APPLOG_ERROR: return LOG_ERR;
+    case APPLOG_WARNING: return LOG_WARNING;
+    case APPLOG_DEBUG: return LOG_DEBUG;
     default: return LOG_INFO;
   }
 }
@@ -108,7 +108,7 @@ void CAppLog::LogReturnCode(const char* function, const char* file, int line, in
 void CAppLog::LogMessage(unsigned int messageId, ...) {
   LogRecord record;
   record.kind = LogRecord::eCatalogueMessage;
-  record.importance = LOG_INFO;
+  record.importance = APPLOG_INFO;
   record.messageId = messageId;
   const char* text = nullptr;
   for (const CatalogueEntry& entry : kCatalogue) {

@@ -35,7 +35,7 @@ bool Directory::Next(std::string& name) {
     // Without this record a failing read would look exactly like the end of the listing to the caller.
     if (errno != 0) {
       m_lLastError = CodeFromErrno(errno);
-      CAppLog::LogReturnCode("Directory::Next", "Directory", __LINE__, LOG_WARNING, "readdir", m_lLastError,
+      CAppLog::LogReturnCode("Directory::Next", "Directory", __LINE__, APPLOG_WARNING, "readdir", m_lLastError,
                              "listing ended early");
     }
     return false;

@@ -106,7 +106,7 @@ long ParseStream(int fd, XmlMgr& handler, bool deliverWhitespace, const std::str
     ssize_t n = ReadRetrying(fd, block, XmlParser::kReadBlockSize);
     if (n < 0) {
       int error = errno;
-      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_DEBUG, "Cannot read \"%s\": %s", path.c_str(),
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "Cannot read \"%s\": %s", path.c_str(),
                                strerror(error));
       return XMLPARSER_E_READ;
     }
@@ -115,7 +115,7 @@ long ParseStream(int fd, XmlMgr& handler, bool deliverWhitespace, const std::str
       if (session.HandlerFailed()) return XMLPARSER_E_HANDLER;
       XML_Error error = XML_GetErrorCode(parser.get());
       if (error == XML_ERROR_NO_MEMORY) return XMLPARSER_E_NO_MEMORY;
-      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_DEBUG, "\"%s\": %s at line %lu, column %lu",
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "\"%s\": %s at line %lu, column %lu",
                                path.c_str(), XML_ErrorString(error),
                                static_cast<unsigned long>(XML_GetCurrentLineNumber(parser.get())),
                                static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser.get())));
@@ -136,7 +136,7 @@ long XmlParser::parseFile(const std::string& path, bool deliverWhitespace) {
     UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
     if (!file.Valid()) {
       int error = errno;
-      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, LOG_DEBUG, "Cannot open \"%s\": %s", path.c_str(),
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "Cannot open \"%s\": %s", path.c_str(),
                                strerror(error));
       return error == ENOENT || error == ENOTDIR ? XMLPARSER_E_NOT_FOUND : XMLPARSER_E_OPEN;
     }

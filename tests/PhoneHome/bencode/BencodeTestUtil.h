@@ -42,7 +42,7 @@ inline void ExpectLogged(LogCapture const& log, std::string const& text, long co
   LogRecord const* record = log.Find(text);
   ASSERT_NE(record, nullptr) << "missing \"" << text << "\"; logged:\n" << log.Dump();
   EXPECT_EQ(std::make_tuple(record->file, record->importance, record->code),
-            std::make_tuple(std::string("Bencode"), static_cast<int>(LOG_ERROR), code)) << text;
+            std::make_tuple(std::string("Bencode"), static_cast<int>(APPLOG_ERROR), code)) << text;
 }
 // ...and logged nothing else.
 inline void ExpectOnlyLogged(LogCapture const& log, std::vector<char const*> const& texts, long code) {

@@ -70,14 +70,14 @@ TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
     EXPECT_EQ(m_status.IsEnabled(enabled), 0);
     EXPECT_EQ(enabled, row.enabled);
     std::vector<LogRecord> records = log.Records();  // the parser's own debug detail aside
-    records.erase(std::remove_if(records.begin(), records.end(), [](auto& r) { return r.importance == LOG_DEBUG; }),
+    records.erase(std::remove_if(records.begin(), records.end(), [](auto& r) { return r.importance == APPLOG_DEBUG; }),
                   records.end());
     ASSERT_EQ(records.size(), row.logged < 0 ? 0u : 1u) << log.Dump();
     if (row.logged >= 0) {
       const LogRecord& r = records[0];
       const bool warning = row.logged == 0;
       EXPECT_EQ(std::make_tuple(r.function, r.file, r.importance, r.failingCall, r.code),
-                std::make_tuple("LoadStatusFromConfigFile"s, "PhoneHomePluginImp"s, warning ? +LOG_WARNING : +LOG_ERROR,
+                std::make_tuple("LoadStatusFromConfigFile"s, "PhoneHomePluginImp"s, warning ? +APPLOG_WARNING : +APPLOG_ERROR,
                                 warning ? ""s : "XmlParser::parseFile"s, row.logged));
       EXPECT_EQ(warning ? r.text : "", warning ? "Config file \"" + kProfile + "\" not exist." : "");
     }

@@ -1,5 +1,6 @@
 // The log runtime: every record reaches the replaceable sink with all its fields; the bounded copy.
 #include <gtest/gtest.h>
+#include <syslog.h>  // first on purpose: the importance names must not clash with its macros
 
 #include <cstring>
 
@@ -9,9 +10,9 @@
 
 TEST(AppLog, RecordsCarryEveryField) {
   LogCapture log;
-  CAppLog::LogDebugMessage("Fn", "Unit", 12, LOG_WARNING, "value %d of %s", 7, "x");
-  CAppLog::LogReturnCode("Caller", "Unit", 34, LOG_ERROR, "Callee::Op", 0xFE46001CL, "path %s", "/a");
-  CAppLog::LogReturnCode("Caller", "Unit", 35, LOG_INFO, "Other", 0);
+  CAppLog::LogDebugMessage("Fn", "Unit", 12, APPLOG_WARNING, "value %d of %s", 7, "x");
+  CAppLog::LogReturnCode("Caller", "Unit", 34, APPLOG_ERROR, "Callee::Op", 0xFE46001CL, "path %s", "/a");
+  CAppLog::LogReturnCode("Caller", "Unit", 35, APPLOG_INFO, "Other", 0);
   CAppLog::LogMessage(MSG_PHONEHOME_STARTED, "Enabled", "abc", "release", "https://s", "No", 86400u,
                       2592000u, 1u);
 
@@ -33,6 +34,7 @@ TEST(AppLog, RecordsCarryEveryField) {
   EXPECT_EQ(records[2].code, 0);
 
   EXPECT_EQ(records[3].kind, LogRecord::eCatalogueMessage);
+  EXPECT_EQ(records[3].importance, 'I');
   EXPECT_EQ(records[3].messageId, 6300u);
   EXPECT_NE(records[3].text.find("Enabled"), std::string::npos);
   EXPECT_NE(records[3].text.find("2592000"), std::string::npos);
@@ -42,7 +44,7 @@ TEST(AppLog, RecordsCarryEveryField) {
 TEST(AppLog, LongMessagesAreNotCut) {
   LogCapture log;
   std::string big(5000, 'q');
-  CAppLog::LogDebugMessage("Fn", "Unit", 1, LOG_INFO, "%s!", big.c_str());
+  CAppLog::LogDebugMessage("Fn", "Unit", 1, APPLOG_INFO, "%s!", big.c_str());
   ASSERT_EQ(log.Records().size(), 1u);
   EXPECT_EQ(log.Records()[0].text, big + "!");
 }
@@ -51,10 +53,10 @@ TEST(AppLog, CaptureRestoresThePreviousSink) {
   LogCapture outer;
   {
     LogCapture inner;
-    CAppLog::LogDebugMessage("Fn", "Unit", 1, LOG_INFO, "inner");
+    CAppLog::LogDebugMessage("Fn", "Unit", 1, APPLOG_INFO, "inner");
     EXPECT_TRUE(inner.Has("inner"));
   }
-  CAppLog::LogDebugMessage("Fn", "Unit", 1, LOG_INFO, "outer");
+  CAppLog::LogDebugMessage("Fn", "Unit", 1, APPLOG_INFO, "outer");
   EXPECT_FALSE(outer.Has("inner"));
   EXPECT_TRUE(outer.Has("outer"));
 }
