@@ -13,3 +13,6 @@ constexpr long EVT_E_NO_TIMER = 0xFE010005L;
 constexpr long EVT_E_BUSY = 0xFE010007L;
 // CEventList::WaitOnEvents: the wait ended on the clock with no event signaled.
 constexpr long EVT_E_TIMEOUT = 0xFE01000CL;
+// What a caller reports when acquireInstance hands back no context (the smart pointer over the instance
+// found none): the instance it expected has not been created or was already released.
+constexpr long EXECCTX_E_NO_INSTANCE = 0xFE8D000AL;
