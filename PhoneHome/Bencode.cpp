@@ -136,7 +136,7 @@ CBencode::~CBencode() = default;
 
 bool CBencode::Set(long value) {
   if (m_eType != eInteger) {
-    BENCODE_FAILURE("Set", -1, "Bencode is not of type integer");
+    BENCODE_FAILURE(-1, "Bencode is not of type integer");
     return false;
   }
   m_iValue = value;
@@ -145,7 +145,7 @@ bool CBencode::Set(long value) {
 
 bool CBencode::Set(std::string const& value) {
   if (m_eType != eString) {
-    BENCODE_FAILURE("Set", -1, "Bencode is not of type string");
+    BENCODE_FAILURE(-1, "Bencode is not of type string");
     return false;
   }
   m_strValue = TextBeforeZero(value);
@@ -154,7 +154,7 @@ bool CBencode::Set(std::string const& value) {
 
 bool CBencode::Get(long& value) const {
   if (m_eType != eInteger) {
-    BENCODE_FAILURE("Get", -1, "Bencode is not of type integer");
+    BENCODE_FAILURE(-1, "Bencode is not of type integer");
     return false;
   }
   value = m_iValue;
@@ -163,7 +163,7 @@ bool CBencode::Get(long& value) const {
 
 bool CBencode::Get(std::string& value) const {
   if (m_eType != eString) {
-    BENCODE_FAILURE("Get", -1, "Bencode is not of type string");
+    BENCODE_FAILURE(-1, "Bencode is not of type string");
     return false;
   }
   value = TextBeforeZero(m_strValue);
@@ -172,11 +172,11 @@ bool CBencode::Get(std::string& value) const {
 
 bool CBencode::Add(long delta) {
   if (m_eType != eInteger) {
-    BENCODE_FAILURE("Add", -1, "Add function called for non-Integer bencode type");
+    BENCODE_FAILURE(-1, "Add function called for non-Integer bencode type");
     return false;
   }
   if ((delta > 0 && m_iValue > LONG_MAX - delta) || (delta < 0 && m_iValue < LONG_MIN - delta)) {
-    BENCODE_FAILURE("Add", -1, "Add operation will cause integer overflow");
+    BENCODE_FAILURE(-1, "Add operation will cause integer overflow");
     return false;
   }
   m_iValue += delta;
@@ -199,7 +199,7 @@ bool CBencode::operator==(CBencode const& other) const {
     case eString:
       return m_strValue == other.m_strValue;
     default:
-      BENCODE_FAILURE("operator==", -1, "Unexpected Bencode type");
+      BENCODE_FAILURE(-1, "Unexpected Bencode type");
       return false;
   }
 }
@@ -223,16 +223,16 @@ bool CBencode::Internalize(CBencodeStream& stream) {
 
   char c = 0;
   if (!stream.Read(&c, 1) || c != 'i') {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Failed to internalize integer type identifier");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize integer type identifier");
     return false;
   }
   stream >> m_iValue;
   if (!stream.Good()) {
-    BENCODE_FAILURE("operator>>", eBencodeIllegalData, "Failed to internalize integer value");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize integer value");
     return false;
   }
   if (!stream.Read(&c, 1) || c != 'e') {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Integer internalize failed");
+    BENCODE_FAILURE(eBencodeIllegalData, "Integer internalize failed");
     return false;
   }
   return true;
@@ -242,16 +242,16 @@ bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& value) c
   long length = 0;
   stream >> length;
   if (!stream.Good() || length < 0 || length > sm_iMaxStringSize) {
-    BENCODE_FAILURE("operator>>", eBencodeIllegalData, "Illegal bencode string");
+    BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }
   char c = 0;
   if (!stream.Read(&c, 1) || c != ':') {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Illegal bencode string");
+    BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }
   if (!stream.m_buffer.ReadText(value, static_cast<unsigned long>(length))) {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Illegal bencode string");
+    BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }
   return true;

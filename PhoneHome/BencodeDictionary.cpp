@@ -25,7 +25,7 @@ CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResu
   SetBencodeFileName(fileName);
   result = Internalize();
   if (result != eBencodeOk) {
-    BENCODE_FAILURE("Internalize", result, "Bencode dictionary internalize failed");
+    BENCODE_FAILURE(result, "Bencode dictionary internalize failed");
     Reset();
   }
 }
@@ -93,7 +93,7 @@ bool CBencodeDictionary::Get(std::string const& key, CBencodeList*& list, bool c
   }
   list = dynamic_cast<CBencodeList*>(found->second);
   if (list == nullptr) {
-    BENCODE_FAILURE("Get", eBencodeError, "Dictionary item is not a list");
+    BENCODE_FAILURE(eBencodeError, "Dictionary item is not a list");
     return false;
   }
   return true;
@@ -109,7 +109,7 @@ bool CBencodeDictionary::Get(std::string const& key, CBencodeDictionary*& dict, 
   }
   dict = dynamic_cast<CBencodeDictionary*>(found->second);
   if (dict == nullptr) {
-    BENCODE_FAILURE("Get", eBencodeError, "Dictionary item is not a dictionary");
+    BENCODE_FAILURE(eBencodeError, "Dictionary item is not a dictionary");
     return false;
   }
   return true;
@@ -152,21 +152,21 @@ bool CBencodeDictionary::operator==(CBencode const& other) const {
 bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
   stream.Write("d", 1);
   if (!stream.Good()) {
-    BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize dictionary type identifier");
+    BENCODE_FAILURE(eBencodeError, "Failed to externalize dictionary type identifier");
     return false;
   }
   for (ItemMap::value_type const& entry : m_items) {
     if (entry.second == nullptr) {
-      BENCODE_FAILURE("Externalize", eBencodeError, "Dictionary item is NULL");
+      BENCODE_FAILURE(eBencodeError, "Dictionary item is NULL");
       return false;
     }
     stream.WriteString(entry.first);
     if (!stream.Good()) {
-      BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize key string");
+      BENCODE_FAILURE(eBencodeError, "Failed to externalize key string");
       return false;
     }
     if (!entry.second->Externalize(stream)) {
-      BENCODE_FAILURE("Externalize", eBencodeError, "Failed to externalize value");
+      BENCODE_FAILURE(eBencodeError, "Failed to externalize value");
       return false;
     }
   }
@@ -179,7 +179,7 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
   stream.Read(&c, 1);
   if (stream.Eof()) return true;  // empty input: the dictionary stays as it was
   if (stream.Fail() || c != 'd') {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Failed to internalize dictionary type identifier");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize dictionary type identifier");
     return false;
   }
   Reset();
@@ -193,7 +193,7 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
 
     std::string key;
     if (!GetStringFromStream(stream, key)) {
-      BENCODE_FAILURE("GetStringFromStream", eBencodeIllegalData, "Failed to internalize key string");
+      BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize key string");
       return false;
     }
     // Files normally come sorted, so the new key usually goes at the end without a search.
@@ -203,14 +203,14 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
       if (position != m_items.end() && position->first == key) {
         // Deliberately a success that stops this dictionary right after the repeated key, its value left
         // unread: top-level files keep the entries before the repetition, and a parent parser reads on.
-        BENCODE_FAILURE("GetStringFromStream", eBencodeIllegalData, "Failed to internalize key string");
+        BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize key string");
         return true;
       }
     }
 
     next = stream.Peek();
     if (!stream.Good()) {
-      BENCODE_FAILURE("Peek", eBencodeIllegalData, "Failed to internalize value type identifier");
+      BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize value type identifier");
       return false;
     }
     // The entry is made before its value, so that entries and values lie in memory in the order a walk visits
@@ -219,7 +219,7 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
     std::unique_ptr<CBencode> value = BencodeInternal::NewValueFor(next);
     if (!value->Internalize(stream)) {
       m_items.erase(entry);
-      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", ValueFailure(next));
+      BENCODE_FAILURE(eBencodeIllegalData, ValueFailure(next));
       return false;
     }
     entry->second = value.release();

@@ -8,11 +8,16 @@
 #include "AppLog.h"
 #include "PhoneHome/Bencode.h"
 
-// Every failure of the bencode unit is logged once, where it is detected, with the code it stands for.
-#define BENCODE_FAILURE(call, code, ...) \
-  CAppLog::LogReturnCode(__FUNCTION__, "Bencode", __LINE__, APPLOG_ERROR, call, code, __VA_ARGS__)
+// Every failure of the bencode unit is logged once, where it is detected: the message at error importance,
+// with the code it stands for (-3 for text that does not parse, -1, errno or a result code) as its argument.
+#define BENCODE_FAILURE(code, message) BencodeInternal::LogFailure(__FUNCTION__, __LINE__, message, code)
 
 namespace BencodeInternal {
+
+inline void LogFailure(char const* function, int line, char const* message, long code) {
+  // The messages hold no conversion, so the code rides along as an argument the text does not print.
+  CAppLog::LogDebugMessage(function, "Bencode", line, APPLOG_ERROR, message, code);
+}
 
 // An empty value of the type that a bencoded value starting with `firstByte` has: 'i' integer, 'l' list,
 // 'd' dictionary, and any other byte a string (so a stray byte fails as an illegal string).

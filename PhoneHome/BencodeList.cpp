@@ -23,7 +23,7 @@ CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, 
   SetBencodeFileName(fileName);
   result = Internalize();
   if (result != eBencodeOk) {
-    BENCODE_FAILURE("Internalize", result, "CBencodeList Internalize failed");
+    BENCODE_FAILURE(result, "CBencodeList Internalize failed");
     Reset();
   }
 }
@@ -47,7 +47,7 @@ EBencodeResult CBencodeList::Internalize() {
 
 EBencodeResult CBencodeList::Externalize(bool flush) {
   if (m_pStream == nullptr) {
-    BENCODE_FAILURE("Externalize", eBencodeNoStream, "Bencode stream should be set before calling Externalize");
+    BENCODE_FAILURE(eBencodeNoStream, "Bencode stream should be set before calling Externalize");
     return eBencodeNoStream;
   }
   return BencodeInternal::Store(*this, *m_pStream, m_bSpool, flush);
@@ -77,7 +77,7 @@ bool CBencodeList::Append(CBencodeDictionary*& dict) {
 
 CBencode* CBencodeList::operator[](unsigned long index) {
   if (index >= m_items.size()) {
-    BENCODE_FAILURE("operator[]", eBencodeError, "Out-of-bound bencode list item access");
+    BENCODE_FAILURE(eBencodeError, "Out-of-bound bencode list item access");
     return nullptr;
   }
   return m_items[index];
@@ -85,7 +85,7 @@ CBencode* CBencodeList::operator[](unsigned long index) {
 
 bool CBencodeList::Remove(unsigned long index) {
   if (index >= m_items.size()) {
-    BENCODE_FAILURE("Remove", eBencodeError, "Out-of-bound bencode list item access");
+    BENCODE_FAILURE(eBencodeError, "Out-of-bound bencode list item access");
     return false;
   }
   delete m_items[index];
@@ -95,7 +95,7 @@ bool CBencodeList::Remove(unsigned long index) {
 
 bool CBencodeList::Erase(unsigned long index) {
   if (index >= m_items.size()) {
-    BENCODE_FAILURE("Erase", eBencodeError, "Out-of-bound bencode list item access");
+    BENCODE_FAILURE(eBencodeError, "Out-of-bound bencode list item access");
     return false;
   }
   m_items.erase(m_items.begin() + static_cast<long>(index));
@@ -121,16 +121,16 @@ bool CBencodeList::operator==(CBencode const& other) const {
 bool CBencodeList::Externalize(CBencodeStream& stream) {
   stream.Write("l", 1);
   if (!stream.Good()) {
-    BENCODE_FAILURE("Write", eBencodeError, "Failed to externalize list type identifier");
+    BENCODE_FAILURE(eBencodeError, "Failed to externalize list type identifier");
     return false;
   }
   for (CBencode* item : m_items) {
     if (item == nullptr) {
-      BENCODE_FAILURE("Externalize", eBencodeError, "NULL item stored in list");
+      BENCODE_FAILURE(eBencodeError, "NULL item stored in list");
       return false;
     }
     if (!item->Externalize(stream)) {
-      BENCODE_FAILURE("Externalize", eBencodeError, "Failed to externalize list item");
+      BENCODE_FAILURE(eBencodeError, "Failed to externalize list item");
       return false;
     }
   }
@@ -143,7 +143,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
   stream.Read(&c, 1);
   if (stream.Eof()) return true;  // empty input: the list stays as it was
   if (stream.Fail() || c != 'l') {
-    BENCODE_FAILURE("Read", eBencodeIllegalData, "Failed to internalize list type identifier");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize list type identifier");
     return false;
   }
   Reset();
@@ -151,7 +151,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
   for (;;) {
     int const next = stream.Peek();
     if (!stream.Good()) {
-      BENCODE_FAILURE("Peek", eBencodeIllegalData, "Failed to internalize list item identifier");
+      BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize list item identifier");
       return false;
     }
     if (next == 'e') {
@@ -161,7 +161,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
 
     std::unique_ptr<CBencode> item = BencodeInternal::NewValueFor(next);
     if (!item->Internalize(stream)) {
-      BENCODE_FAILURE("Internalize", eBencodeIllegalData, "%s", ItemFailure(next));
+      BENCODE_FAILURE(eBencodeIllegalData, ItemFailure(next));
       return false;
     }
     m_items.push_back(item.release());

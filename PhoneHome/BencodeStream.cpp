@@ -111,24 +111,24 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
       }
     }
     if (!file.Valid()) {
-      BENCODE_FAILURE("open", error, "File open failed");
+      BENCODE_FAILURE(error, "File open failed");
       return CBencode::eBencodeError;
     }
   }
 
   if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-    BENCODE_FAILURE("flock", errno, "Failed to acquire file lock");
+    BENCODE_FAILURE(errno, "Failed to acquire file lock");
     return CBencode::eBencodeLockError;
   }
 
   struct stat status;
   if (fstat(file.Get(), &status) != 0) {
-    BENCODE_FAILURE("fstat", errno, "Failed to get file size");
+    BENCODE_FAILURE(errno, "Failed to get file size");
     Flock(file.Get(), LOCK_UN);
     return CBencode::eBencodeError;
   }
   if (status.st_size > sm_iMaxFileSize) {
-    BENCODE_FAILURE("fstat", CBencode::eBencodeIllegalData, "File size exceeds maximum limit");
+    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "File size exceeds maximum limit");
     Flock(file.Get(), LOCK_UN);
     return CBencode::eBencodeIllegalData;
   }
@@ -139,11 +139,11 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
   int const readError = errno;
 
   if (Flock(file.Get(), LOCK_UN) != 0) {
-    BENCODE_FAILURE("flock", errno, "Failed to release file lock");
+    BENCODE_FAILURE(errno, "Failed to release file lock");
   }
   if (got < static_cast<ssize_t>(text.size())) {
     file.Reset();
-    BENCODE_FAILURE("read", readError, "File read failed");
+    BENCODE_FAILURE(readError, "File read failed");
     return CBencode::eBencodeError;
   }
   file.Reset();
@@ -176,12 +176,12 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
     file.Reset(OpenCloexec(m_strFileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC, sm_fileCreationMode));
   }
   if (!file.Valid()) {
-    BENCODE_FAILURE("open", errno, "File open failed");
+    BENCODE_FAILURE(errno, "File open failed");
     return CBencode::eBencodeError;
   }
 
   if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-    BENCODE_FAILURE("flock", errno, "Failed to acquire file lock");
+    BENCODE_FAILURE(errno, "Failed to acquire file lock");
     return CBencode::eBencodeError;
   }
   ssize_t const written = WriteOnce(file.Get(), text.data(), text.size());
@@ -189,7 +189,7 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   file.Reset();
 
   if (written < static_cast<ssize_t>(text.size())) {
-    BENCODE_FAILURE("write", CBencode::eBencodeError, "File write failed");
+    BENCODE_FAILURE(CBencode::eBencodeError, "File write failed");
     return CBencode::eBencodeError;
   }
   wroteSideFile = toSideFile;
@@ -201,7 +201,7 @@ CBencodeStream& CBencodeStream::operator<<(long value) {
   std::to_chars_result const printed = std::to_chars(text, text + sm_iMaxIntSize - 1, value);
   if (printed.ec != std::errc()) {
     m_buffer.SetFail();
-    BENCODE_FAILURE("to_chars", CBencode::eBencodeError, "snprintf failed");
+    BENCODE_FAILURE(CBencode::eBencodeError, "snprintf failed");
     return *this;
   }
   m_buffer.Write(text, static_cast<unsigned long>(printed.ptr - text));
@@ -233,19 +233,19 @@ CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
 
 CBencodeStream& CBencodeStream::operator>>(long& value) {
   if (!m_buffer.Good()) {
-    BENCODE_FAILURE("Good", CBencode::eBencodeIllegalData, "Failed to read integer value");
+    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
     return *this;
   }
   char text[sm_iMaxIntSize];
   int length = 0;
   switch (m_buffer.ScanIntegerText(text, sm_iMaxIntSize, length)) {
     case CBuffer::eScanEnded:
-      BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
+      BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
       return *this;
     case CBuffer::eScanFull:
       // Deliberately leaves the stream good and the target unchanged, so an integer of exactly 21 characters
       // followed by 'e' parses as the old value and a 21-character length as 0: which files parse must not change.
-      BENCODE_FAILURE("Get", CBencode::eBencodeIllegalData, "Failed to read integer value");
+      BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
       return *this;
     case CBuffer::eScanStopped:
       break;
@@ -255,7 +255,7 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
   if (FitsPlainDigits(text, length, value)) return *this;
   if (!ScanDecimal(text, value)) {
     m_buffer.SetFail();
-    BENCODE_FAILURE("ScanDecimal", CBencode::eBencodeIllegalData, "Failed to read integer value");
+    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
   }
   return *this;
 }
@@ -289,8 +289,7 @@ CBencode::EBencodeResult BencodeInternal::Store(CBencode& container, CBencodeStr
   CBencode::EBencodeResult const flushed = stream.FlushStream(wroteSideFile);
   if (flushed != CBencode::eBencodeOk) {
     // Reported as the container's Externalize, where the caller sees the failure.
-    CAppLog::LogReturnCode("Externalize", "Bencode", __LINE__, APPLOG_ERROR, "FlushStream", flushed,
-                           "Failed to flush stream to the file");
+    BencodeInternal::LogFailure("Externalize", __LINE__, "Failed to flush stream to the file", flushed);
   } else if (spool && !wroteSideFile) {
     container.Reset();  // handed over to the consumer
   }

@@ -258,7 +258,7 @@ TEST(CefTest, EncodeRefusesWhatHasNoBencodeForm) {
   CefRun noDir = RunCef(dir, {"encode", "-", dir.File("no/such/dir.dat")}, "[]");
   EXPECT_EQ(noDir.exitCode, 1);
   EXPECT_EQ(noDir.err, "cef: " + dir.File("no/such/dir.dat") +
-                           ": cannot write: file error (-1): File open failed: No such file or directory\n");
+                           ": cannot write: file error (-1): File open failed\n");
 }
 
 TEST(CefTest, DeepNestingIsFollowedWithoutOverflowingTheStack) {

@@ -71,14 +71,7 @@ std::vector<std::string> LogCollector::Take() {
   return taken;
 }
 
-std::string RecordText(const LogRecord& record) {
-  std::string text = record.text;
-  // The stream logs a failed system call with its errno; the bencode codes are summed up by ResultText.
-  if (record.kind == LogRecord::eReturnCode && record.code > 0) {
-    text += ": " + std::string(std::strerror(static_cast<int>(record.code)));
-  }
-  return text;
-}
+std::string RecordText(const LogRecord& record) { return record.text; }
 
 std::string ResultText(EBencodeResult result) {
   const char* name = "unknown result";

@@ -55,7 +55,7 @@ TEST(BencodeList, OwnsItsItemsUntilErased) {
     EXPECT_FALSE(list[list.Items().size()] || list.Remove(99) || list.Erase(99));
     EXPECT_EQ(list.Items().size(), 5u);
     EXPECT_EQ(log.Count("Out-of-bound bencode list item access"), 3u);
-    ExpectLogged(log, "Out-of-bound bencode list item access", -1);
+    ExpectLogged(log, "Out-of-bound bencode list item access");
   }
   EXPECT_EQ(g_deaths, 3);
 }
@@ -74,10 +74,10 @@ TEST(BencodeDictionary, KeyedAccessReplacesAndCreates) {
   EXPECT_TRUE(!dict.Get("l", list, false) && list == poison);
   EXPECT_TRUE(dict.Get("l", list, true) && dict.Get("l", again, false) && again == list);
   EXPECT_TRUE(!dict.Get("n", list, true) && list == nullptr);
-  ExpectLogged(log, "Dictionary item is not a list", -1);
+  ExpectLogged(log, "Dictionary item is not a list");
   CBencodeDictionary* sub = nullptr;
   EXPECT_TRUE(!dict.Get("n", sub, true) && dict.Get("d", sub, true));
-  ExpectLogged(log, "Dictionary item is not a dictionary", -1);
+  ExpectLogged(log, "Dictionary item is not a dictionary");
   EXPECT_EQ(Serialised(dict), "d1:dde1:lle3:maxi9223372036854775807e1:ni10ee");
 
   dict.Insert("c", new CountedList);
@@ -93,7 +93,7 @@ TEST(BencodeDictionary, KeyedAccessReplacesAndCreates) {
   EXPECT_TRUE(dict.Remove("l") && !dict.Remove("l"));
   dict.Insert("null", static_cast<CBencode*>(nullptr));
   EXPECT_TRUE(!dict.Get("null", number) && Serialised(dict) == "<failed>");
-  ExpectLogged(log, "Dictionary item is NULL", -1);
+  ExpectLogged(log, "Dictionary item is NULL");
 }
 
 TEST(BencodeValues, EqualityComparesValuesInOrder) {

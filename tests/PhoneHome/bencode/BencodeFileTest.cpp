@@ -65,17 +65,17 @@ TEST_F(BencodeFile, LockHeldElsewhereFailsAtOnce) {
   LogCapture log;
   CBencodeList list(path, result, false);
   EXPECT_EQ(result, CBencode::eBencodeLockError);
-  ExpectLogged(log, "Failed to acquire file lock", EWOULDBLOCK);
-  ExpectLogged(log, "CBencodeList Internalize failed", CBencode::eBencodeLockError);
+  ExpectLogged(log, "Failed to acquire file lock");
+  ExpectLogged(log, "CBencodeList Internalize failed");
 
   CBencodeDictionary dict(path, result, false);
   EXPECT_EQ(result, CBencode::eBencodeLockError);
-  ExpectLogged(log, "Bencode dictionary internalize failed", CBencode::eBencodeLockError);
+  ExpectLogged(log, "Bencode dictionary internalize failed");
   dict.Insert("b", 2L);
   log.Clear();
   EXPECT_EQ(dict.Externalize(true), CBencode::eBencodeError);
-  ExpectLogged(log, "Failed to acquire file lock", EWOULDBLOCK);
-  ExpectLogged(log, "Failed to flush stream to the file", CBencode::eBencodeError);
+  ExpectLogged(log, "Failed to acquire file lock");
+  ExpectLogged(log, "Failed to flush stream to the file");
   EXPECT_EQ(TempDir::Read(path), "");  // truncated at open, before the lock was tried
   close(holder);
 }
@@ -113,19 +113,18 @@ TEST_F(BencodeFile, SizeLimitAndFailuresReturnTheirCodeAndLogOnce) {
     bool flush;
     EBencodeResult returned;
     char const* message;
-    long code;
-  } const rows[] = {{dir.File("none/x"), false, kError, "File open failed", ENOENT},
-                    {dir.File("none/x"), true, kError, "File open failed", ENOENT},
-                    {dir.path(), false, kError, "File read failed", EISDIR},
-                    {"/dev/full", true, kError, "File write failed", -1},
-                    {big, false, kTooBig, "File size exceeds maximum limit", kTooBig}};
+  } const rows[] = {{dir.File("none/x"), false, kError, "File open failed"},
+                    {dir.File("none/x"), true, kError, "File open failed"},
+                    {dir.path(), false, kError, "File read failed"},
+                    {"/dev/full", true, kError, "File write failed"},
+                    {big, false, kTooBig, "File size exceeds maximum limit"}};
   for (Row const& row : rows) {
     CBencodeStream stream(row.path, false);
     bool side = true;
     stream.Write("le", 2);
     LogCapture log;
     EXPECT_EQ(row.flush ? stream.FlushStream(side) : stream.LoadStream(), row.returned) << row.message;
-    ExpectOnlyLogged(log, {row.message}, row.code);
+    ExpectOnlyLogged(log, {row.message});
   }
 
   // Unbound: -4, logged by the list only.
@@ -136,13 +135,13 @@ TEST_F(BencodeFile, SizeLimitAndFailuresReturnTheirCodeAndLogOnce) {
   EXPECT_EQ(unboundList.Internalize(), CBencode::eBencodeNoStream);
   EXPECT_EQ(unboundDict.Externalize(true), CBencode::eBencodeNoStream);
   EXPECT_EQ(unboundList.Externalize(true), CBencode::eBencodeNoStream);
-  ExpectOnlyLogged(log, {"Bencode stream should be set before calling Externalize"}, CBencode::eBencodeNoStream);
+  ExpectOnlyLogged(log, {"Bencode stream should be set before calling Externalize"});
 
   // Text that does not parse: -3 and an empty list that stays bound, so it can be written over.
   std::string const path = dir.Write("garbage", "li1e");
   CBencodeList list(path, result, false);
   EXPECT_EQ(result, CBencode::eBencodeIllegalData);
-  ExpectLogged(log, "CBencodeList Internalize failed", CBencode::eBencodeIllegalData);
+  ExpectLogged(log, "CBencodeList Internalize failed");
   EXPECT_TRUE(list.Items().empty());
   list.Append("x"s);
   EXPECT_EQ(list.Externalize(true), kOk);

@@ -37,15 +37,16 @@ inline std::string Serialised(CBencode& value) {
   return text;
 }
 
-// The unit logged `text` at error importance with `code`.
-inline void ExpectLogged(LogCapture const& log, std::string const& text, long code) {
+// The unit logged `text` as a message at error importance.
+inline void ExpectLogged(LogCapture const& log, std::string const& text) {
   LogRecord const* record = log.Find(text);
   ASSERT_NE(record, nullptr) << "missing \"" << text << "\"; logged:\n" << log.Dump();
-  EXPECT_EQ(std::make_tuple(record->file, record->importance, record->code),
-            std::make_tuple(std::string("Bencode"), static_cast<int>(APPLOG_ERROR), code)) << text;
+  EXPECT_EQ(std::make_tuple(record->kind, record->file, record->importance),
+            std::make_tuple(LogRecord::eDebugMessage, std::string("Bencode"), static_cast<int>(APPLOG_ERROR)))
+      << text;
 }
 // ...and logged nothing else.
-inline void ExpectOnlyLogged(LogCapture const& log, std::vector<char const*> const& texts, long code) {
+inline void ExpectOnlyLogged(LogCapture const& log, std::vector<char const*> const& texts) {
   EXPECT_EQ(log.Records().size(), texts.size()) << log.Dump();
-  for (char const* text : texts) ExpectLogged(log, text, code);
+  for (char const* text : texts) ExpectLogged(log, text);
 }
