@@ -26,22 +26,6 @@ int Flock(int fd, int operation) {
   return rc;
 }
 
-ssize_t ReadOnce(int fd, char* buffer, size_t count) {
-  ssize_t n;
-  do {
-    n = read(fd, buffer, count);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
-ssize_t WriteOnce(int fd, char const* buffer, size_t count) {
-  ssize_t n;
-  do {
-    n = write(fd, buffer, count);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
 // What sscanf("%lld") yields for `text` (up to its first zero byte): leading white space, an optional sign,
 // then decimal digits up to the first non-digit; values beyond the range saturate as glibc's strtoll does.
 // False when no digit follows, which is when the scan converts nothing.
@@ -135,7 +119,7 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
 
   // Read straight into the string that becomes the buffer, so the file text exists once in memory.
   std::string text(static_cast<size_t>(status.st_size), '\0');
-  ssize_t const got = ReadOnce(file.Get(), &text[0], text.size());
+  ssize_t const got = ReadRetrying(file.Get(), &text[0], text.size());
   int const readError = errno;
 
   if (Flock(file.Get(), LOCK_UN) != 0) {
@@ -184,7 +168,7 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
     BENCODE_FAILURE(errno, "Failed to acquire file lock");
     return CBencode::eBencodeError;
   }
-  ssize_t const written = WriteOnce(file.Get(), text.data(), text.size());
+  ssize_t const written = WriteRetrying(file.Get(), text.data(), text.size());
   Flock(file.Get(), LOCK_UN);
   file.Reset();
 

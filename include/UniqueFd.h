@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 
 class UniqueFd {
  public:
@@ -32,6 +33,24 @@ class UniqueFd {
  private:
   int m_iFd;
 };
+
+// One read() or write() call, repeated only when a signal interrupted it before anything moved: callers that
+// must make a single call (a whole file in one read) still do.
+inline ssize_t ReadRetrying(int fd, void* buffer, size_t count) {
+  ssize_t n;
+  do {
+    n = read(fd, buffer, count);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+inline ssize_t WriteRetrying(int fd, const void* buffer, size_t count) {
+  ssize_t n;
+  do {
+    n = write(fd, buffer, count);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
 
 // open() with O_CLOEXEC added, retried on EINTR; -1 with errno set on failure.
 inline int OpenCloexec(const char* path, int flags, mode_t mode = 0) {

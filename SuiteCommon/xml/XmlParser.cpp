@@ -84,14 +84,6 @@ class Session {
   std::string m_text;
 };
 
-ssize_t ReadRetrying(int fd, void* buffer, size_t size) {
-  ssize_t n;
-  do {
-    n = read(fd, buffer, size);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
 long ParseStream(int fd, XmlMgr& handler, bool deliverWhitespace, const std::string& path) {
   ExpatParser parser(XML_ParserCreate(nullptr));
   if (!parser) return XMLPARSER_E_NO_MEMORY;

@@ -16,14 +16,6 @@ namespace cef {
 
 namespace {
 
-ssize_t ReadRetrying(int fd, char* buffer, size_t count) {
-  ssize_t n;
-  do {
-    n = read(fd, buffer, count);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
 // Opens `path` for reading if it is a regular file, and reports its size.
 int OpenRegular(const std::string& path, unsigned long long& size, std::string& error) {
   int fd = OpenCloexec(path.c_str(), O_RDONLY | O_NONBLOCK);
