@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "AppLog.h"
+#include "FileList.h"
 #include "PhoneHome/Bencode.h"
 
 #ifdef OVF_BENCH_LIBTORRENT
@@ -106,15 +107,8 @@ namespace {
 constexpr long kFileBudget = 10400000;  // stop generating here, below the 10485760-byte load limit
 constexpr size_t kLargeString = 524288;
 
-// The library's list leaves a bound stream to its owner; this one frees it, so repeated loads do not leak.
-class CFileList : public CBencodeList {
- public:
-  using CBencodeList::CBencodeList;
-  ~CFileList() override {
-    delete m_pStream;
-    m_pStream = nullptr;
-  }
-};
+// A list that frees its bound stream, so repeated loads do not leak.
+using cef::CFileList;
 
 struct TestFile {
   std::string name;
