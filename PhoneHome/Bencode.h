@@ -56,6 +56,15 @@ class CBencodeNodeAllocator {
   bool operator!=(CBencodeNodeAllocator<U> const&) const noexcept { return false; }
 };
 
+// Result of every file-level operation: zero is success, every failure is negative.
+enum EBencodeResult : int32_t {
+  eBencodeOk = 0,
+  eBencodeError = -1,        // open, size query, read or write failed; lock not taken while flushing
+  eBencodeLockError = -2,    // lock not taken while loading
+  eBencodeIllegalData = -3,  // file too large, or its text does not parse
+  eBencodeNoStream = -4,     // the container has no file name set
+};
+
 // A scalar value (signed 64-bit integer or byte string), and the base of the containers.
 class OVF_API CBencode {
  public:
@@ -64,15 +73,6 @@ class OVF_API CBencode {
     eString = 1,
     eList = 2,
     eDictionary = 3,
-  };
-
-  // Result of every file-level operation: zero is success, every failure is negative.
-  enum EBencodeResult : int32_t {
-    eBencodeOk = 0,
-    eBencodeError = -1,        // open, size query, read or write failed; lock not taken while flushing
-    eBencodeLockError = -2,    // lock not taken while loading
-    eBencodeIllegalData = -3,  // file too large, or its text does not parse
-    eBencodeNoStream = -4,     // the container has no file name set
   };
 
   // Longest string value or key accepted by the reader, in bytes.
@@ -114,8 +114,6 @@ class OVF_API CBencode {
   std::string m_strValue;
 };
 
-typedef CBencode::EBencodeResult EBencodeResult;
-
 // The whole of one file held in memory, with the read and write positions and the good / eof / fail / bad
 // flags of a read-write string stream, plus the locked load and flush and the bencode integer reader and writer.
 class OVF_API CBencodeStream {
@@ -136,10 +134,10 @@ class OVF_API CBencodeStream {
 
   // Replaces the buffer with the file's text (up to its first zero byte), both positions at the start.
   // A missing file is created empty. The flags are not cleared.
-  virtual CBencode::EBencodeResult LoadStream();
+  virtual EBencodeResult LoadStream();
   // Writes the buffer to the file. In spool mode the named file is created exclusively; when it already
   // exists the text goes to fileName + ".temp" instead and `wroteSideFile` is set.
-  virtual CBencode::EBencodeResult FlushStream(bool& wroteSideFile);
+  virtual EBencodeResult FlushStream(bool& wroteSideFile);
 
   // Empties the buffer and puts both positions at its start; the flags are left as they are.
   void ResetStream() { m_buffer.Assign(std::string()); }

@@ -25,10 +25,10 @@ std::unique_ptr<CBencode> NewValueFor(int firstByte);
 
 // Loads the bound file and parses it into `container`: the stream's load code, -3 when the text does not
 // parse, 0. The caller has checked that a stream exists.
-CBencode::EBencodeResult Load(CBencode& container, CBencodeStream& stream);
+EBencodeResult Load(CBencode& container, CBencodeStream& stream);
 
 // Serialises `container` from the start of its stream and, with `flush`, writes the file; a spool hand-over
 // into the named file empties the container. The caller has checked that a stream exists.
-CBencode::EBencodeResult Store(CBencode& container, CBencodeStream& stream, bool spool, bool flush);
+EBencodeResult Store(CBencode& container, CBencodeStream& stream, bool spool, bool flush);
 
 }  // namespace BencodeInternal

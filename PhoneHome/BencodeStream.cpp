@@ -79,7 +79,7 @@ CBencodeStream::~CBencodeStream() = default;
 
 void CBencodeStream::SetFileName(std::string const& fileName) { m_strFileName = fileName.substr(0, fileName.find('\0')); }
 
-CBencode::EBencodeResult CBencodeStream::LoadStream() {
+EBencodeResult CBencodeStream::LoadStream() {
   std::string const path = m_bSpool ? m_strFileName + kSideFileSuffix : m_strFileName;
 
   UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
@@ -96,25 +96,25 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
     }
     if (!file.Valid()) {
       BENCODE_FAILURE(error, "File open failed");
-      return CBencode::eBencodeError;
+      return eBencodeError;
     }
   }
 
   if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
     BENCODE_FAILURE(errno, "Failed to acquire file lock");
-    return CBencode::eBencodeLockError;
+    return eBencodeLockError;
   }
 
   struct stat status;
   if (fstat(file.Get(), &status) != 0) {
     BENCODE_FAILURE(errno, "Failed to get file size");
     Flock(file.Get(), LOCK_UN);
-    return CBencode::eBencodeError;
+    return eBencodeError;
   }
   if (status.st_size > sm_iMaxFileSize) {
-    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "File size exceeds maximum limit");
+    BENCODE_FAILURE(eBencodeIllegalData, "File size exceeds maximum limit");
     Flock(file.Get(), LOCK_UN);
-    return CBencode::eBencodeIllegalData;
+    return eBencodeIllegalData;
   }
 
   // Read straight into the string that becomes the buffer, so the file text exists once in memory.
@@ -128,17 +128,17 @@ CBencode::EBencodeResult CBencodeStream::LoadStream() {
   if (got < static_cast<ssize_t>(text.size())) {
     file.Reset();
     BENCODE_FAILURE(readError, "File read failed");
-    return CBencode::eBencodeError;
+    return eBencodeError;
   }
   file.Reset();
 
   std::string::size_type const zero = text.find('\0');
   if (zero != std::string::npos) text.resize(zero);
   m_buffer.Assign(std::move(text));
-  return CBencode::eBencodeOk;
+  return eBencodeOk;
 }
 
-CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
+EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   wroteSideFile = false;
   // The buffer's whole text: up to the farther of the write position and the end of what was loaded. After
   // a load and a shorter serialisation the old tail is written too; readers stop at the end of the
@@ -161,23 +161,23 @@ CBencode::EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   }
   if (!file.Valid()) {
     BENCODE_FAILURE(errno, "File open failed");
-    return CBencode::eBencodeError;
+    return eBencodeError;
   }
 
   if (Flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
     BENCODE_FAILURE(errno, "Failed to acquire file lock");
-    return CBencode::eBencodeError;
+    return eBencodeError;
   }
   ssize_t const written = WriteRetrying(file.Get(), text.data(), text.size());
   Flock(file.Get(), LOCK_UN);
   file.Reset();
 
   if (written < static_cast<ssize_t>(text.size())) {
-    BENCODE_FAILURE(CBencode::eBencodeError, "File write failed");
-    return CBencode::eBencodeError;
+    BENCODE_FAILURE(eBencodeError, "File write failed");
+    return eBencodeError;
   }
   wroteSideFile = toSideFile;
-  return CBencode::eBencodeOk;
+  return eBencodeOk;
 }
 
 CBencodeStream& CBencodeStream::operator<<(long value) {
@@ -185,7 +185,7 @@ CBencodeStream& CBencodeStream::operator<<(long value) {
   std::to_chars_result const printed = std::to_chars(text, text + sm_iMaxIntSize - 1, value);
   if (printed.ec != std::errc()) {
     m_buffer.SetFail();
-    BENCODE_FAILURE(CBencode::eBencodeError, "snprintf failed");
+    BENCODE_FAILURE(eBencodeError, "snprintf failed");
     return *this;
   }
   m_buffer.Write(text, static_cast<unsigned long>(printed.ptr - text));
@@ -217,19 +217,19 @@ CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
 
 CBencodeStream& CBencodeStream::operator>>(long& value) {
   if (!m_buffer.Good()) {
-    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
     return *this;
   }
   char text[sm_iMaxIntSize];
   int length = 0;
   switch (m_buffer.ScanIntegerText(text, sm_iMaxIntSize, length)) {
     case CBuffer::eScanEnded:
-      BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
+      BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
       return *this;
     case CBuffer::eScanFull:
       // Deliberately leaves the stream good and the target unchanged, so an integer of exactly 21 characters
       // followed by 'e' parses as the old value and a 21-character length as 0: which files parse must not change.
-      BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
+      BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
       return *this;
     case CBuffer::eScanStopped:
       break;
@@ -239,7 +239,7 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
   if (FitsPlainDigits(text, length, value)) return *this;
   if (!ScanDecimal(text, value)) {
     m_buffer.SetFail();
-    BENCODE_FAILURE(CBencode::eBencodeIllegalData, "Failed to read integer value");
+    BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
   }
   return *this;
 }
@@ -257,21 +257,21 @@ std::unique_ptr<CBencode> BencodeInternal::NewValueFor(int firstByte) {
   }
 }
 
-CBencode::EBencodeResult BencodeInternal::Load(CBencode& container, CBencodeStream& stream) {
-  CBencode::EBencodeResult const loaded = stream.LoadStream();
-  if (loaded != CBencode::eBencodeOk) return loaded;
-  return container.Internalize(stream) ? CBencode::eBencodeOk : CBencode::eBencodeIllegalData;
+EBencodeResult BencodeInternal::Load(CBencode& container, CBencodeStream& stream) {
+  EBencodeResult const loaded = stream.LoadStream();
+  if (loaded != eBencodeOk) return loaded;
+  return container.Internalize(stream) ? eBencodeOk : eBencodeIllegalData;
 }
 
-CBencode::EBencodeResult BencodeInternal::Store(CBencode& container, CBencodeStream& stream, bool spool,
+EBencodeResult BencodeInternal::Store(CBencode& container, CBencodeStream& stream, bool spool,
                                                    bool flush) {
   if (!stream.Seekp(0, std::ios_base::beg)) stream.Clear();
-  if (!container.Externalize(stream)) return CBencode::eBencodeError;
-  if (!flush) return CBencode::eBencodeOk;
+  if (!container.Externalize(stream)) return eBencodeError;
+  if (!flush) return eBencodeOk;
 
   bool wroteSideFile = false;
-  CBencode::EBencodeResult const flushed = stream.FlushStream(wroteSideFile);
-  if (flushed != CBencode::eBencodeOk) {
+  EBencodeResult const flushed = stream.FlushStream(wroteSideFile);
+  if (flushed != eBencodeOk) {
     // Reported as the container's Externalize, where the caller sees the failure.
     BencodeInternal::LogFailure("Externalize", __LINE__, "Failed to flush stream to the file", flushed);
   } else if (spool && !wroteSideFile) {

@@ -233,7 +233,7 @@ bool MakeModuleDataFile(TestFile& file) {
   CBencodeDictionary root(false);
   ModuleDataGenerator(file).Fill(root);
   root.SetBencodeFileName(file.path);
-  if (root.Externalize(true) != CBencode::eBencodeOk) return false;
+  if (root.Externalize(true) != eBencodeOk) return false;
   file.bytes = ReadFile(file.path);
   return true;
 }
@@ -257,7 +257,7 @@ bool MakeLargeStringFile(TestFile& file) {
   }
   ++file.values;
   root.SetBencodeFileName(file.path);
-  if (root.Externalize(true) != CBencode::eBencodeOk) return false;
+  if (root.Externalize(true) != eBencodeOk) return false;
   file.bytes = ReadFile(file.path);
   return true;
 }
@@ -321,7 +321,7 @@ void SerialiseInto(benchmark::State& state, const TestFile& file, bool flush) {
   EBencodeResult result;
   Container tree(file.path, result, false);
   for (auto _ : state) {
-    if (tree.Externalize(flush) != CBencode::eBencodeOk) state.SkipWithError("externalize failed");
+    if (tree.Externalize(flush) != eBencodeOk) state.SkipWithError("externalize failed");
   }
   SetThroughput(state, file);
 }

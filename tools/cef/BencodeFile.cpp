@@ -68,11 +68,11 @@ std::string RecordText(const LogRecord& record) { return record.text; }
 std::string ResultText(EBencodeResult result) {
   const char* name = "unknown result";
   switch (result) {
-    case CBencode::eBencodeOk: name = "ok"; break;
-    case CBencode::eBencodeError: name = "file error"; break;
-    case CBencode::eBencodeLockError: name = "locked by another process"; break;
-    case CBencode::eBencodeIllegalData: name = "illegal data"; break;
-    case CBencode::eBencodeNoStream: name = "no file bound"; break;
+    case eBencodeOk: name = "ok"; break;
+    case eBencodeError: name = "file error"; break;
+    case eBencodeLockError: name = "locked by another process"; break;
+    case eBencodeIllegalData: name = "illegal data"; break;
+    case eBencodeNoStream: name = "no file bound"; break;
   }
   return std::string(name) + " (" + std::to_string(static_cast<int>(result)) + ")";
 }
@@ -179,7 +179,7 @@ bool LoadBencodeFile(const std::string& path, LoadedFile& file, std::string& err
   if (file.kind != LoadedFile::eDictionary && file.kind != LoadedFile::eList) return true;
 
   LogCollector collector;
-  EBencodeResult result = CBencode::eBencodeOk;
+  EBencodeResult result = eBencodeOk;
   if (file.kind == LoadedFile::eDictionary) {
     file.dictionary = std::make_unique<CBencodeDictionary>(path, result, false);
   } else {

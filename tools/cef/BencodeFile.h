@@ -40,12 +40,12 @@ struct LoadedFile {
   EKind kind = eEmpty;
   unsigned char firstByte = 0;
   unsigned long long size = 0;
-  EBencodeResult result = CBencode::eBencodeOk;
+  EBencodeResult result = eBencodeOk;
   std::unique_ptr<CBencodeDictionary> dictionary;
   std::unique_ptr<CFileList> list;
   std::vector<std::string> records;  // what the library logged during the load
 
-  bool Loaded() const { return (kind == eDictionary || kind == eList) && result == CBencode::eBencodeOk; }
+  bool Loaded() const { return (kind == eDictionary || kind == eList) && result == eBencodeOk; }
   const CBencode* Root() const;
   // "dictionary of 3 entries", "list of 1 item", ...
   std::string Summary() const;

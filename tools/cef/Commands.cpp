@@ -181,7 +181,7 @@ int Encode(const std::string& jsonPath, const std::string& outPath) {
       result = tree.list->Externalize(true);
     }
     std::vector<std::string> records = collector.Take();
-    if (result != CBencode::eBencodeOk) {
+    if (result != eBencodeOk) {
       std::string why = records.empty() ? std::string() : ": " + records.front();
       return Fail(outPath + ": cannot write: " + ResultText(result) + why);
     }

@@ -13,12 +13,12 @@ using namespace std::string_literals;
 
 namespace {
 
-EBencodeResult const kOk = CBencode::eBencodeOk;
+EBencodeResult const kOk = eBencodeOk;
 
 class BencodeFile : public ::testing::Test {
  protected:
   TempDir dir;
-  EBencodeResult result = CBencode::eBencodeError;  // set by the file-form constructors
+  EBencodeResult result = eBencodeError;  // set by the file-form constructors
 };
 
 }  // namespace
@@ -64,16 +64,16 @@ TEST_F(BencodeFile, LockHeldElsewhereFailsAtOnce) {
   ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
   LogCapture log;
   CBencodeList list(path, result, false);
-  EXPECT_EQ(result, CBencode::eBencodeLockError);
+  EXPECT_EQ(result, eBencodeLockError);
   ExpectLogged(log, "Failed to acquire file lock");
   ExpectLogged(log, "CBencodeList Internalize failed");
 
   CBencodeDictionary dict(path, result, false);
-  EXPECT_EQ(result, CBencode::eBencodeLockError);
+  EXPECT_EQ(result, eBencodeLockError);
   ExpectLogged(log, "Bencode dictionary internalize failed");
   dict.Insert("b", 2L);
   log.Clear();
-  EXPECT_EQ(dict.Externalize(true), CBencode::eBencodeError);
+  EXPECT_EQ(dict.Externalize(true), eBencodeError);
   ExpectLogged(log, "Failed to acquire file lock");
   ExpectLogged(log, "Failed to flush stream to the file");
   EXPECT_EQ(TempDir::Read(path), "");  // truncated at open, before the lock was tried
@@ -107,7 +107,7 @@ TEST_F(BencodeFile, SizeLimitAndFailuresReturnTheirCodeAndLogOnce) {
   CBencodeList fits(big, result, false);  // exactly at the size limit
   EXPECT_TRUE(result == kOk && Serialised(fits) == "li7ee");
   ASSERT_EQ(truncate(big.c_str(), CBencodeStream::sm_iMaxFileSize + 1), 0);
-  EBencodeResult const kError = CBencode::eBencodeError, kTooBig = CBencode::eBencodeIllegalData;
+  EBencodeResult const kError = eBencodeError, kTooBig = eBencodeIllegalData;
   struct Row {
     std::string path;
     bool flush;
@@ -131,16 +131,16 @@ TEST_F(BencodeFile, SizeLimitAndFailuresReturnTheirCodeAndLogOnce) {
   LogCapture log;
   CBencodeDictionary unboundDict(false);
   CBencodeList unboundList(false);
-  EXPECT_EQ(unboundDict.Internalize(), CBencode::eBencodeNoStream);
-  EXPECT_EQ(unboundList.Internalize(), CBencode::eBencodeNoStream);
-  EXPECT_EQ(unboundDict.Externalize(true), CBencode::eBencodeNoStream);
-  EXPECT_EQ(unboundList.Externalize(true), CBencode::eBencodeNoStream);
+  EXPECT_EQ(unboundDict.Internalize(), eBencodeNoStream);
+  EXPECT_EQ(unboundList.Internalize(), eBencodeNoStream);
+  EXPECT_EQ(unboundDict.Externalize(true), eBencodeNoStream);
+  EXPECT_EQ(unboundList.Externalize(true), eBencodeNoStream);
   ExpectOnlyLogged(log, {"Bencode stream should be set before calling Externalize"});
 
   // Text that does not parse: -3 and an empty list that stays bound, so it can be written over.
   std::string const path = dir.Write("garbage", "li1e");
   CBencodeList list(path, result, false);
-  EXPECT_EQ(result, CBencode::eBencodeIllegalData);
+  EXPECT_EQ(result, eBencodeIllegalData);
   ExpectLogged(log, "CBencodeList Internalize failed");
   EXPECT_TRUE(list.Items().empty());
   list.Append("x"s);
