@@ -38,14 +38,6 @@ constexpr unsigned int kCertPolicyFlags = 0xFFFFFFFF;
 // Codes are 32-bit values carried in a long; compare them as such whatever the sign extension on the way.
 uint32_t Code32(long code) { return static_cast<uint32_t>(code); }
 
-// Verification results that a trust mode other than 0 may overlook (validity dates, host name, revocation
-// data, usage, policy, weak keys); every other result, an unknown CA included, is final.
-bool IsSoftCertResult(long result) {
-  const uint32_t code = Code32(result);
-  return code == 0xFE210010 || (code >= 0xFE210012 && code <= 0xFE210017) || code == 0xFE210027 ||
-         code == 0xFE210029 || (code >= 0xFE21003A && code <= 0xFE210040);
-}
-
 }  // namespace
 
 CFileUploader::CFileUploader(long& result, const std::string& productName, const std::string& serverUrl,
@@ -77,8 +69,10 @@ CFileUploader::~CFileUploader() {
   }
 }
 
+// A function try block: the session reports every failure as a code, but the plug-in's promise that nothing
+// thrown leaves it must not rest on that, and a post cut that way is a failed post like any other.
 long CFileUploader::PostDataGetResponse(const std::string& url, const char* data, int length,
-                                        std::string& response, bool zipped) {
+                                        std::string& response, bool zipped) try {
   static const char kFunction[] = "CFileUploader::PostDataGetResponse";
   if (m_pHttpSession == nullptr) return HTTP_E_INIT_FAILED;
 
@@ -112,6 +106,9 @@ long CFileUploader::PostDataGetResponse(const std::string& url, const char* data
   }
   m_pHttpSession->CloseRequest();
   return rc;
+} catch (...) {
+  if (m_pHttpSession != nullptr) m_pHttpSession->CloseRequest();
+  return HTTP_E_TRANSFER_FAILED;
 }
 
 long CFileUploader::SendHttpRequest(const char* data, int length) {
@@ -206,7 +203,9 @@ long CFileUploader::ServerCertVerify(const x509_store_ctx_st* storeContext, eCer
     std::string certificate;
     rc = certHelper.VerifyServerCertificate(storeContext, kCertContextId, serverName, certificate, verifyFlags,
                                             kRevocationType, false, kCertPolicyFlags);
-    if (!IsSoftCertResult(rc)) {
+    // Only a soft result (validity dates, host name, revocation data, usage, policy, weak keys) is left to the
+    // trust mode; any other, an unknown CA included, is final.
+    if (!CertErrorIsSoft(static_cast<long>(Code32(rc)))) {
       // Logged on success too, with code 0: the log then shows every server the module decided to trust.
       CAppLog::LogReturnCode(kFunction, kLogFile, __LINE__, APPLOG_ERROR, "CCertHelper::VerifyServerCertificate",
                              rc);

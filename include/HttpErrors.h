@@ -11,8 +11,7 @@ constexpr long HTTP_E_NO_REQUEST = 0xFE460002;        // no request is open (nev
                                                       // by the opening thread)
 constexpr long HTTP_E_REQUEST_OPEN = 0xFE460003;      // OpenRequest while a request is open
 constexpr long HTTP_E_BUSY = 0xFE460004;              // a second SendRequest while one is running
-constexpr long HTTP_E_NO_RESPONSE = 0xFE460005;       // status, header or body asked for before an answer came
-constexpr long HTTP_E_HEADER_NOT_FOUND = 0xFE460006;  // GetResponseHeader: the answer has no such header
+constexpr long HTTP_E_NO_RESPONSE = 0xFE460005;       // the answer asked for before it came
 
 // Set-up errors: the session could not be built or configured.
 constexpr long HTTP_E_INIT_FAILED = 0xFE460010;   // libcurl handle or list could not be created
@@ -29,8 +28,8 @@ constexpr long HTTP_E_SETUP_FAILED = 0xFE460012;  // libcurl refused an option o
 // failure that is not a refusal of the server's certificate (protocol or cipher mismatch, an alert from the
 // server). Worth retrying later.
 constexpr long HTTP_E_SEND_FAILED = 0xFE460017;
-// No progress in time: the connection was not made within the connect timeout (30 s by default), the
-// transfer stayed below 1 byte/s for 60 s, or a timeout given to SetTimeouts or SendRequest ran out.
+// Out of time: the connection was not made within 30 s, the transfer stayed below 1 byte/s for 60 s, or the
+// request as a whole outlived the runtime's request time limit or the timeout given to SendRequest.
 constexpr long HTTP_E_TIMEOUT = 0xFE460018;
 // The server's certificate was not accepted: the certificate callback returned non-zero, or, for a session
 // without a callback, the runtime's own verification (trust store and host name) failed.
@@ -38,12 +37,9 @@ constexpr long HTTP_E_CERT_REJECTED = 0xFE460019;
 // The server answered with a status outside 200-299 (redirects are not followed, so 3xx lands here too). The
 // answer's body stays readable through ReadResponse.
 constexpr long HTTP_E_STATUS = 0xFE46001A;
-// The answer's body exceeded the session's buffer limit (64 MiB).
-constexpr long HTTP_E_RESPONSE_TOO_LARGE = 0xFE46001B;
-// The request was aborted by CloseRequest: during SendRequest (from any thread), or by another thread than the
-// one that opened it, in which case the opener's next SendRequest or ReadResponse reports this. Not a fault of
-// the server or the network: the caller asked for it.
+// The session was stopped (a CloseRequest other than the opener's own, see CloseRequest): the request running
+// then, and every later one, ends with this. Not a fault of the server or the network: the caller asked for it.
 constexpr long HTTP_E_ABORTED = 0xFE46001C;
 // Any other transfer failure (a malformed answer, an unsupported feature of the server's answer, an internal
-// error of libcurl).
+// error of libcurl, no memory left to keep the answer).
 constexpr long HTTP_E_TRANSFER_FAILED = 0xFE46001D;

@@ -38,58 +38,62 @@ typedef long (*PFN_SERVER_CERT_VERIFY_CB)(void* context, const x509_store_ctx_st
                                           eCertContextID contextId, const std::string& serverName,
                                           HTTP_CERT_TRUST_MODE trustMode,
                                           const std::string& referenceCertificate, unsigned int& verifyFlags);
-// Transfer progress: bytes done and expected so far for the request body (up) and the answer (down).
+// Transfer progress; no progress callback is supported (the constructor's must be null).
 typedef void (*PFN_HTTP_PROGRESS_CB)(void* context, unsigned long upDone, unsigned long upTotal,
                                      unsigned long downDone, unsigned long downTotal);
 
-// Timeouts: a connection must be made within 30 s, and a transfer that stays below 1 byte/s for 60 s fails
-// with HTTP_E_TIMEOUT, so a silent server fails a request that nobody aborts. Redirects are not followed.
+// Time bounds: a connection must be made within 30 s; a transfer that stays below 1 byte/s for 60 s fails; and
+// a request as a whole may take no longer than the runtime's request time limit (SuiteRuntime::
+// SetRequestTimeLimitMs, 30 minutes by default), so a server that trickles its answer cannot hold the caller.
+// All three fail the request with HTTP_E_TIMEOUT. A stop (CloseRequest from another thread) ends a request in
+// any phase, the name lookup included, within a second. Redirects are not followed.
 class SC_API CHttpSessionCurl {
  public:
   // status: 0, or a code of HttpErrors.h (the object is usable for nothing then but destruction).
-  // serverUrl: the default URL of OpenRequest. proxyUrl, proxyBypass (host names), proxyUser and
-  // proxyPassword: an explicit proxy; none when proxyUrl is empty (the environment's proxy variables are not
-  // used). clientCertificateFile: a PEM file with a client certificate and its key, or empty. productName:
-  // the User-Agent. port: used when a URL names none (0: the scheme's default). useTls: only https URLs.
-  // verifyServer: false turns server verification off entirely (certCallback is not called). When
+  // serverUrl: the default URL of OpenRequest. The session connects directly and presents no client
+  // certificate: proxyUrl and clientCertificateFile must be empty, progressCallback null (else
+  // HTTP_E_INVALID_ARGUMENT); proxyBypass, proxyUser, proxyPassword and progressContext are not used.
+  // productName: the User-Agent. port: used when a URL names none (0: the scheme's default). useTls: only
+  // https URLs. verifyServer: false turns server verification off entirely (certCallback is not called). When
   // certCallback is given it alone decides on the server's certificate, receiving certCallbackContext,
   // trustMode and referenceCertificate; without it the certificate is verified against the trust store
-  // (SuiteRuntime::SetTrustedCAFile, else the system's) and the URL's host name. responseChunkSize: the
-  // largest piece one ReadResponse hands out (0: no limit). progressCallback: optional, with progressContext.
+  // (SuiteRuntime::SetTrustedCAFile, else the system's) and the URL's host name. responseLimit: how much of an
+  // answer's body the session keeps for ReadResponse (0: 64 MiB); the transfer ends once that much has come,
+  // as a reader of that size never looks further.
   CHttpSessionCurl(long& status, const std::string& serverUrl, const std::string& proxyUrl,
                    const std::list<std::string>& proxyBypass, const std::string& proxyUser,
                    const std::string& proxyPassword, const std::string& clientCertificateFile,
                    const std::string& productName, unsigned short port, bool useTls, bool verifyServer,
                    HTTP_CERT_TRUST_MODE trustMode, const std::string& referenceCertificate,
                    void* certCallbackContext, PFN_SERVER_CERT_VERIFY_CB certCallback,
-                   unsigned int responseChunkSize, PFN_HTTP_PROGRESS_CB progressCallback,
-                   void* progressContext);
+                   unsigned int responseLimit, PFN_HTTP_PROGRESS_CB progressCallback, void* progressContext);
   virtual ~CHttpSessionCurl();
 
-  // Opens a request to `url` (the session's server URL when empty; the session's port is used when the URL
-  // names none). requestType: 15 POST, 1 GET. flags: none defined. secure: non-zero allows only https.
-  // zipped: the body is already in its final form, so nothing changes here. The runtime's connect-to list and
-  // CA file are read now. Every request gets a connection and TLS handshake of its own.
+  // Every operation returns a code and throws nothing.
+  //
+  // Opens a POST request to `url` (the session's server URL when empty; the session's port is used when the
+  // URL names none). requestType: 15 (POST), the only one. flags: none defined. secure: non-zero allows only
+  // https. zipped: the body is already in its final form, so nothing changes here. The runtime's connect-to
+  // list, CA file and request time limit are read now. Every request gets a connection and TLS handshake of
+  // its own. HTTP_E_ABORTED once the session has been stopped.
   virtual long OpenRequest(const std::string& url, int requestType, unsigned int flags, int secure,
                            bool zipped);
-  // Ends the open request. Safe from any thread, also while SendRequest or ReadResponse blocks, and safe
-  // when no request is open.
+  // Ends the request that the calling thread opened. Any other call is a stop, and a stop is for good: it
+  // aborts a SendRequest in progress (from any thread, also before the request is open or between requests),
+  // and every later OpenRequest, SendRequest and ReadResponse fails with HTTP_E_ABORTED. Safe from any
+  // thread at any time; it returns once a running transfer has let go of the session.
   virtual long CloseRequest();
   virtual long AddRequestHeader(const std::string& name, const std::string& value);
-  // 1: send the body in one piece with its length announced up front; 0: chunked.
+  // 1: send the body in one piece with its length announced up front, the only mode.
   virtual long SetSendMode(int mode);
-  // Appends the body part; with finalPart non-zero, sends the request with everything collected and receives
-  // the whole answer. Returns 0 for a 2xx answer. detail receives the transport's own result (libcurl's
-  // code) or the HTTP status of a refused request (HTTP_E_STATUS). timeoutMs bounds the whole request
-  // (0: the SetTimeouts value, by default none beyond the low-speed limit).
+  // Sends the request with `data` as its body and receives the answer (finalPart must be non-zero: the body
+  // goes in one part). Returns 0 for a 2xx answer. detail receives the transport's own result (libcurl's
+  // code) or the HTTP status of a refused request (HTTP_E_STATUS). timeoutMs, when non-zero, bounds this
+  // request more tightly than the runtime's request time limit.
   virtual long SendRequest(unsigned long& detail, int finalPart, const char* data, int length,
                            unsigned int timeoutMs);
-  virtual long GetResponseStatus(unsigned long& httpStatus);
-  virtual long GetResponseHeader(const std::string& name, std::string& value);
-  // connectMs 0 restores the 30 s default; transferMs bounds each later request as a whole (0: no bound).
-  virtual long SetTimeouts(unsigned int connectMs, unsigned int transferMs);
-  // Copies the next piece of the buffered answer, at most `capacity` (and responseChunkSize) bytes, into
-  // `buffer`; bytesRead is 0 at the end of the answer. Also reads the body of a non-2xx answer.
+  // Copies the next piece of the kept answer, at most `capacity` bytes, into `buffer`; bytesRead is 0 at the
+  // end of it. Also reads the body of a non-2xx answer.
   virtual long ReadResponse(char* buffer, unsigned long capacity, unsigned long& bytesRead);
 
   CHttpSessionCurl(const CHttpSessionCurl&) = delete;

@@ -18,4 +18,10 @@ SC_API std::string GetTrustedCAFile();
 SC_API void SetConnectTo(const std::vector<std::string>& entries);
 SC_API std::vector<std::string> GetConnectTo();
 
+// The longest one HTTP request may take, from its start to the last byte of its answer, in milliseconds; a
+// request still running then fails with HTTP_E_TIMEOUT. 0 restores the default, 1800000 (30 minutes: a stuck
+// post then ends before the agent's retry of it is due).
+SC_API void SetRequestTimeLimitMs(unsigned long milliseconds);
+SC_API unsigned long GetRequestTimeLimitMs();
+
 }  // namespace SuiteRuntime

@@ -124,9 +124,12 @@ bool IsIpAddress(const std::string& name) {
   return inet_pton(AF_INET, name.c_str(), address) == 1 || inet_pton(AF_INET6, name.c_str(), address) == 1;
 }
 
+// A wildcard stands only for a whole left-most label ("*.velmar.example"); one inside a label ("f*.velmar.example",
+// "*back.velmar.example") would let a CA-signed name match hosts its owner never named.
 bool HostMatches(X509* leaf, const std::string& serverName) {
   if (IsIpAddress(serverName)) return X509_check_ip_asc(leaf, serverName.c_str(), 0) == 1;
-  return X509_check_host(leaf, serverName.data(), serverName.size(), 0, nullptr) == 1;
+  return X509_check_host(leaf, serverName.data(), serverName.size(), X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS,
+                         nullptr) == 1;
 }
 
 bool StoreHasCrls(X509_STORE* store) {

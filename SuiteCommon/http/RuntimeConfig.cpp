@@ -5,10 +5,13 @@
 
 namespace {
 
+constexpr unsigned long kDefaultRequestTimeLimitMs = 1800000;
+
 struct Settings {
   std::mutex mutex;
   std::string caFile;
   std::vector<std::string> connectTo;
+  unsigned long requestTimeLimitMs = kDefaultRequestTimeLimitMs;
 };
 
 Settings& Current() {
@@ -38,6 +41,16 @@ void SetConnectTo(const std::vector<std::string>& entries) {
 std::vector<std::string> GetConnectTo() {
   std::lock_guard<std::mutex> lock(Current().mutex);
   return Current().connectTo;
+}
+
+void SetRequestTimeLimitMs(unsigned long milliseconds) {
+  std::lock_guard<std::mutex> lock(Current().mutex);
+  Current().requestTimeLimitMs = milliseconds != 0 ? milliseconds : kDefaultRequestTimeLimitMs;
+}
+
+unsigned long GetRequestTimeLimitMs() {
+  std::lock_guard<std::mutex> lock(Current().mutex);
+  return Current().requestTimeLimitMs;
 }
 
 }  // namespace SuiteRuntime

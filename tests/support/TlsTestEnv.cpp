@@ -70,6 +70,8 @@ const char* CertName(TestCert cert) {
       return TestPki::kExpiredFile;
     case TestCert::eUnknownCA:
       return TestPki::kUnknownCAFile;
+    case TestCert::eWildcard:
+      return TestPki::kWildcardFile;
   }
   return "";
 }
@@ -242,6 +244,10 @@ void TlsTestEnv::Hang(int count) { Control("hang count=" + std::to_string(count)
 void TlsTestEnv::CloseConnection(int count) { Control("close count=" + std::to_string(count)); }
 void TlsTestEnv::RespondLongBody(size_t length, long nulAt, int count) {
   Control("body length=" + std::to_string(length) + " nul=" + std::to_string(nulAt) +
+          " count=" + std::to_string(count));
+}
+void TlsTestEnv::Trickle(long intervalMs, size_t length, int count) {
+  Control("trickle interval=" + std::to_string(intervalMs) + " length=" + std::to_string(length) +
           " count=" + std::to_string(count));
 }
 void TlsTestEnv::ResetBehaviour() { Control("reset"); }

@@ -17,6 +17,7 @@ enum class TestCert {
   eWrongHost,  // issued by the test CA for wrong.velmar.example only
   eExpired,    // issued by the test CA for the right names; expired a day ago
   eUnknownCA,  // the right names, issued by a second CA that is never trusted
+  eWildcard,   // issued by the test CA for *.wild.velmar.example, f*.velmar.example, *back2.velmar.example
 };
 
 // One post that the receiver accepted (answered 2xx), in arrival order.
@@ -63,9 +64,10 @@ class TlsTestEnv {
   // is used up, posts are accepted with 200 and kAcceptAnswer. Posts answered 2xx are stored; the others are
   // not.
   void RespondStatus(int status, int count = 1);                        // answer with this status and a short text
-  void Hang(int count = 1);                                             // never answer; ends when the client goes away
+  void Hang(int count = 1);  // neither read the body nor answer; ends when the client goes away
   void CloseConnection(int count = 1);                                  // read the request, then drop the connection
   void RespondLongBody(size_t length, long nulAt = -1, int count = 1);  // 200 with LongBody(length, nulAt)
+  void Trickle(long intervalMs, size_t length, int count = 1);          // 200, then one byte every intervalMs
   void ResetBehaviour();                                                // drop whatever is still queued
 
   // Accepted posts so far, in arrival order.

@@ -130,12 +130,22 @@ void FeedbackReceiver::Install(httplib::Server& server) {
   // kilobytes and would parse what it reads, while a feedback post is megabytes of raw bytes.
   server.Post(kFeedbackPath, [this](const httplib::Request& request, httplib::Response& response,
                                     const httplib::ContentReader& reader) {
+    const PostBehaviour behaviour = NextBehaviour();
+    if (behaviour.kind == PostBehaviour::eHang) {
+      // Before the body is read, so that a client with a large body is left sending.
+      printf("post left unanswered\n");
+      fflush(stdout);
+      HangUntilClientLeaves(request);
+      // Whatever is answered now goes to a client that has gone, or to one that waited out the bound.
+      response.status = 503;
+      return;
+    }
     std::string body;
     reader([&body](const char* data, size_t length) {
       body.append(data, length);
       return true;
     });
-    HandlePost(request, body, response);
+    HandlePost(request, body, behaviour, response);
   });
   server.Post(kControlPath, [this](const httplib::Request& request, httplib::Response& response) {
     HandleControl(request, response);
@@ -168,6 +178,10 @@ bool FeedbackReceiver::ApplyCommand(const std::string& command, std::string& err
     behaviour.kind = PostBehaviour::eClose;
   } else if (action == "body") {
     behaviour.kind = PostBehaviour::eLongBody;
+  } else if (action == "trickle") {
+    behaviour.kind = PostBehaviour::eTrickle;
+    behaviour.length = 1000;
+    behaviour.intervalMs = 300;
   } else {
     error = "unknown action '" + action + "'";
     return false;
@@ -185,10 +199,13 @@ bool FeedbackReceiver::ApplyCommand(const std::string& command, std::string& err
       count = value;
     } else if (key == "code" && behaviour.kind == PostBehaviour::eStatus && value >= 100 && value <= 599) {
       behaviour.status = static_cast<int>(value);
-    } else if (key == "length" && behaviour.kind == PostBehaviour::eLongBody && value >= 0 && value <= (64L << 20)) {
+    } else if (key == "length" && (behaviour.kind == PostBehaviour::eLongBody || behaviour.kind == PostBehaviour::eTrickle) &&
+               value >= 0 && value <= (64L << 20)) {
       behaviour.length = static_cast<size_t>(value);
     } else if (key == "nul" && behaviour.kind == PostBehaviour::eLongBody && value >= -1) {
       behaviour.nulAt = value;
+    } else if (key == "interval" && behaviour.kind == PostBehaviour::eTrickle && value >= 1 && value <= 60000) {
+      behaviour.intervalMs = value;
     } else {
       error = "bad argument '" + word + "' for " + action;
       return false;
@@ -224,27 +241,22 @@ void FeedbackReceiver::HandleControl(const httplib::Request& request, httplib::R
 }
 
 void FeedbackReceiver::HandlePost(const httplib::Request& request, const std::string& body,
-                                  httplib::Response& response) {
-  PostBehaviour behaviour = NextBehaviour();
+                                  const PostBehaviour& behaviour, httplib::Response& response) {
   switch (behaviour.kind) {
     case PostBehaviour::eStatus:
       printf("post refused with status %d\n", behaviour.status);
       response.status = behaviour.status;
       response.set_content("refused\n", "text/plain");
       break;
-    case PostBehaviour::eHang:
-      printf("post left unanswered\n");
-      fflush(stdout);
-      HangUntilClientLeaves(request);
-      // Whatever is answered now goes to a client that has gone, or to one that waited out the bound.
-      response.status = 503;
-      break;
     case PostBehaviour::eClose:
       printf("post dropped\n");
       DropConnection(request);
       break;
+    case PostBehaviour::eHang:  // dealt with before the body is read
+      break;
     case PostBehaviour::eAccept:
-    case PostBehaviour::eLongBody: {
+    case PostBehaviour::eLongBody:
+    case PostBehaviour::eTrickle: {
       std::string error;
       if (!Store(request, body, error)) {
         printf("post rejected: %s\n", error.c_str());
@@ -254,6 +266,8 @@ void FeedbackReceiver::HandlePost(const httplib::Request& request, const std::st
       }
       if (behaviour.kind == PostBehaviour::eLongBody) {
         response.set_content(LongBody(behaviour.length, behaviour.nulAt), "text/plain");
+      } else if (behaviour.kind == PostBehaviour::eTrickle) {
+        Trickle(behaviour, response);
       } else {
         response.set_content("OK", "text/plain");
       }
@@ -302,6 +316,21 @@ bool FeedbackReceiver::Store(const httplib::Request& request, const std::string&
   printf("post %u stored: %zu bytes, Zip: %s\n", index, body.size() - kFormPrefixLength,
          hasZip ? request.get_header_value("Zip").c_str() : "(none)");
   return true;
+}
+
+void FeedbackReceiver::Trickle(const PostBehaviour& behaviour, httplib::Response& response) const {
+  printf("post answered a byte every %ld ms\n", behaviour.intervalMs);
+  // Fast enough for any low-speed guard, too slow to ever finish in a client's patience.
+  response.set_content_provider(
+      behaviour.length, "text/plain",
+      [this, interval = behaviour.intervalMs](size_t offset, size_t, httplib::DataSink& sink) {
+        for (long waited = 0; waited < interval; waited += 10) {
+          if (stopping_) return false;
+          usleep(10 * 1000);
+        }
+        const char byte = static_cast<char>('a' + offset % 26);
+        return sink.is_writable() && sink.write(&byte, 1);
+      });
 }
 
 void FeedbackReceiver::HangUntilClientLeaves(const httplib::Request& request) const {

@@ -1,5 +1,6 @@
 // The feedback collector behind ovfeedback-receiver: stores each accepted post and, when told through its
-// control endpoint, answers the next posts with an error, a long body, silence or a dropped connection.
+// control endpoint, answers the next posts with an error, a long body, a trickle, silence or a dropped
+// connection.
 #pragma once
 
 #include <atomic>
@@ -16,11 +17,12 @@ struct Response;
 
 // What the receiver does with one post to the feedback path.
 struct PostBehaviour {
-  enum EKind { eAccept, eStatus, eHang, eClose, eLongBody };
+  enum EKind { eAccept, eStatus, eHang, eClose, eLongBody, eTrickle };
   EKind kind = eAccept;
-  int status = 200;   // eStatus
-  size_t length = 0;  // eLongBody
-  long nulAt = -1;    // eLongBody: position of a NUL byte, or -1
+  int status = 200;      // eStatus
+  size_t length = 0;     // eLongBody, eTrickle
+  long nulAt = -1;       // eLongBody: position of a NUL byte, or -1
+  long intervalMs = 0;   // eTrickle: the pause before each byte
 };
 
 class FeedbackReceiver {
@@ -39,14 +41,16 @@ class FeedbackReceiver {
   void Shutdown() { stopping_ = true; }
 
   // Parses one control command ("status code=503 count=2", "hang", "close", "body length=20000 nul=7",
-  // "reset") and queues it; returns false with a reason for a command it does not understand.
+  // "trickle interval=300 length=100", "reset") and queues it; returns false with a reason for a command it does not understand.
   bool ApplyCommand(const std::string& command, std::string& error);
 
   // The body of an eLongBody answer. The test fixture builds the same bytes to compare; keep them in step.
   static std::string LongBody(size_t length, long nulAt);
 
  private:
-  void HandlePost(const httplib::Request& request, const std::string& body, httplib::Response& response);
+  void HandlePost(const httplib::Request& request, const std::string& body, const PostBehaviour& behaviour,
+                  httplib::Response& response);
+  void Trickle(const PostBehaviour& behaviour, httplib::Response& response) const;
   void HandleControl(const httplib::Request& request, httplib::Response& response);
   PostBehaviour NextBehaviour();
   bool Store(const httplib::Request& request, const std::string& body, std::string& error);

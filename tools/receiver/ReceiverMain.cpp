@@ -27,9 +27,10 @@ constexpr const char kUsage[] =
     "  --exit-with-parent stops the receiver when the process that started it is gone.\n"
     "  POST /control with one command changes how the next posts are answered:\n"
     "    status code=NNN [count=K]   answer with that status\n"
-    "    hang [count=K]              never answer\n"
+    "    hang [count=K]              never read the body nor answer\n"
     "    close [count=K]             drop the connection after reading the request\n"
     "    body length=N [nul=P] [count=K]  accept and answer with N bytes, a NUL at P\n"
+    "    trickle [interval=MS] [length=N] [count=K]  accept and answer with N bytes (1000), one every MS (300)\n"
     "    reset                       accept every post again\n"
     "  --make-certs DIR writes a fresh throw-away test PKI to DIR (made when missing) and exits:\n"
     "    ca.pem          the test CA, for the client to trust\n"
@@ -38,7 +39,9 @@ constexpr const char kUsage[] =
     "    server-key.pem  the key of server.pem and of the three below (mode 0600); serve it with --key\n"
     "    wrong-host.pem  issued by the test CA for wrong.velmar.example only\n"
     "    expired.pem     issued by the test CA for the names above, expired a day ago\n"
-    "    unknown-ca.pem  for the names above, issued by a CA that is not written out\n";
+    "    unknown-ca.pem  for the names above, issued by a CA that is not written out\n"
+    "    wildcard.pem    issued by the test CA for *.wild.velmar.example, f*.velmar.example and\n"
+    "                    *back2.velmar.example\n";
 
 struct Options {
   std::string cert;
@@ -120,9 +123,9 @@ int main(int argc, char** argv) {
       fprintf(stderr, "ovfeedback-receiver: %s\n", e.what());
       return 1;
     }
-    printf("wrote %s, %s, %s, %s, %s and %s to %s\n", TestPki::kCAFile, TestPki::kServerCertFile,
+    printf("wrote %s, %s, %s, %s, %s, %s and %s to %s\n", TestPki::kCAFile, TestPki::kServerCertFile,
            TestPki::kServerKeyFile, TestPki::kWrongHostFile, TestPki::kExpiredFile, TestPki::kUnknownCAFile,
-           options.makeCerts.c_str());
+           TestPki::kWildcardFile, options.makeCerts.c_str());
     return 0;
   }
   // A client that goes away mid-answer must cost a failed write, not the process.

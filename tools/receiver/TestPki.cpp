@@ -145,6 +145,11 @@ void TestPki::Write(const std::string& dir) {
            nullptr);
   WritePem(path(kExpiredFile),
            issuer.Issue(kPrimaryHost, key, ca.get(), caKey.get(), -30 * kDay, -kDay, rightNames).get(), nullptr);
+  WritePem(path(kWildcardFile),
+           issuer.Issue("*.wild.velmar.example", key, ca.get(), caKey.get(), -kDay, kServerDays,
+                        "DNS:*.wild.velmar.example,DNS:f*.velmar.example,DNS:*back2.velmar.example")
+               .get(),
+           nullptr);
   WritePem(path(kUnknownCAFile),
            issuer.Issue(kPrimaryHost, key, stranger.get(), strangerKey.get(), -kDay, kServerDays, rightNames).get(),
            nullptr);

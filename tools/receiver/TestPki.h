@@ -18,6 +18,9 @@ constexpr const char* kServerKeyFile = "server-key.pem";  // the shared key (mod
 constexpr const char* kWrongHostFile = "wrong-host.pem";  // by the test CA, for wrong.velmar.example only
 constexpr const char* kExpiredFile = "expired.pem";       // by the test CA, the right names, expired a day ago
 constexpr const char* kUnknownCAFile = "unknown-ca.pem";  // the right names, by a second CA that is written nowhere
+// By the test CA for *.wild.velmar.example, and for f*.velmar.example and *back2.velmar.example: wildcards
+// inside a label, which must match nothing.
+constexpr const char* kWildcardFile = "wildcard.pem";
 
 // Writes a fresh set into `dir` (made when missing; files of the same names are replaced). Throws
 // std::runtime_error saying what failed.

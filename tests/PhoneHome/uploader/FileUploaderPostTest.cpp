@@ -1,5 +1,5 @@
 // CFileUploader posting to the feedback receiver over real TLS: the body and "Zip" header that arrive, the
-// single cut read of the answer, and every failure path with its code and log lines.
+// single cut read of the answer, every failure path with its code and log lines, and stops whenever they come.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +14,8 @@
 #include "HttpErrors.h"
 #include "LogCapture.h"
 #include "PhoneHome/FileUploader.h"
+#include "RuntimeConfig.h"
+#include "SuiteCommon/http/HttpAnswer.h"
 #include "TlsTestEnv.h"
 #include "UploaderLog.h"
 
@@ -45,9 +47,8 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
     size_t length;  // of the answer; 0: the receiver's usual answer
     long nulAt;
     size_t kept;
-  } rows[] = {
-      {false, 0, -1, 0},         {true, 0, -1, 0},       {false, 20000, -1, 16384}, {false, 16384, -1, 16384},
-      {false, 16385, -1, 16384}, {false, 300, 120, 120}, {false, 20000, 0, 0},      {false, 20000, 17000, 16384}};
+  } rows[] = {{false, 0, -1, 0},        {true, 0, -1, 0},       {false, 20000, -1, 16384},
+              {false, 16385, -1, 16384}, {false, 300, 120, 120}, {false, 20000, 0, 0}};
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "answer of " << row.length << ", NUL at " << row.nulAt);
     if (row.length != 0) env.RespondLongBody(row.length, row.nulAt);
@@ -55,7 +56,6 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
     long status = -1;
     auto uploader = NewUploader(status);
     ASSERT_EQ(status, 0);
-    uploader->TerminateSession();  // nothing open yet: must not spoil the post that follows
     std::string response = "kept:";
     EXPECT_EQ(Post(*uploader, body, response, row.zipped), 0) << log.Dump();
     EXPECT_EQ(response, "kept:" + (row.length != 0 ? TlsTestEnv::LongBody(row.length, row.nulAt).substr(0, row.kept)
@@ -71,10 +71,15 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
   }
 }
 
+// The certificate rows come last, as the receiver keeps the certificate it was restarted with.
 TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
   TlsTestEnv env;
   const std::string verified = Line('E', kVerified, 0);
   const std::string anyCurlCode = Line('W', kSessionSend + std::string(" [1-9][0-9]?"));  // libcurl's, not ours
+  auto refused = [&](long code, const std::string& why) {
+    return why + Line('W', "CFileUploader::ServerCertVerify", code) + anyCurlCode +
+           Line('E', kSendFailed, HTTP_E_CERT_REJECTED);
+  };
   struct Row {
     const char* what;
     std::function<void()> arrange;
@@ -89,12 +94,22 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
        verified + Line('W', kSessionSend, 403) + Line('E', kSendFailed, HTTP_E_STATUS)},
       {"closed mid-request, strict", [&] { env.CloseConnection(); }, true, FILEUPLOADER_E_SEND_FAILED,
        verified + anyCurlCode + Line('E', kSendFailed, FILEUPLOADER_E_SEND_FAILED)},
+      {"closed mid-request, not strict", [&] { env.CloseConnection(); }, false, FILEUPLOADER_E_SEND_FAILED,
+       verified + anyCurlCode + Line('E', kSendFailed, FILEUPLOADER_E_SEND_FAILED)},
       {"open refused: returned at once", [] {}, true, HTTP_E_INVALID_ARGUMENT,
        Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_INVALID_ARGUMENT), "ftp://feedback.velmar.example/cef"},
-      // Built with trust mode 0, the session refuses even a soft fault. Last: the receiver keeps the certificate.
-      {"expired certificate", [&] { env.Restart(TestCert::eExpired); }, true, HTTP_E_CERT_REJECTED,
-       Line('W', "CFileUploader::ServerCertVerify", CERT_E_EXPIRED) + anyCurlCode +
-           Line('E', kSendFailed, HTTP_E_CERT_REJECTED)},
+      // No memory to keep the answer: a failed post, nothing thrown.
+      {"answer cannot be kept", [] { SetHttpAnswerAllocationFailure(true); }, true, HTTP_E_TRANSFER_FAILED,
+       verified + Line('W', kSessionSend, 23) + Line('E', kSendFailed, HTTP_E_TRANSFER_FAILED)},
+      {"unknown CA", [&] { env.Restart(TestCert::eUnknownCA); }, true, HTTP_E_CERT_REJECTED,
+       refused(CERT_E_UNTRUSTED_ROOT, Line('E', kVerified, CERT_E_UNTRUSTED_ROOT))},
+      // Built with trust mode 0, the uploader refuses even a soft fault.
+      {"wrong host", [&] { env.Restart(TestCert::eWrongHost); }, true, HTTP_E_CERT_REJECTED,
+       refused(CERT_E_HOST_MISMATCH, "")},
+      {"expired", [&] { env.Restart(TestCert::eExpired); }, true, HTTP_E_CERT_REJECTED,
+       refused(CERT_E_EXPIRED, "")},
+      {"CA file missing", [&] { env.Restart(TestCert::eTrusted), SuiteRuntime::SetTrustedCAFile("/nonexistent.pem"); },
+       true, HTTP_E_CERT_REJECTED, refused(CERT_E_TRUST_STORE, Line('E', "CCertHelper::CCertHelper", CERT_E_TRUST_STORE))},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -103,21 +118,29 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
     long status = -1;
     std::string response = "kept";
     EXPECT_EQ(Post(*NewUploader(status, row.strict), "data=x", response, false, row.url), row.expected);
+    SetHttpAnswerAllocationFailure(false);
     EXPECT_EQ(response, "kept");
     EXPECT_THAT(OwnLog(log), testing::MatchesRegex(row.log));
   }
-  EXPECT_TRUE(env.Posts().empty());
+  EXPECT_EQ(env.Posts().size(), 1u);  // the one whose answer could not be kept
 }
 
-TEST(FileUploaderPost, TerminateSessionAbortsAHangingPostFromAnotherThread) {
+// A stop from the agent's stop path, before the request is open or while it hangs, ends the post at once.
+TEST(FileUploaderPost, TerminateSessionEndsThePostWheneverItComes) {
   TlsTestEnv env;
   for (bool strict : {true, false}) {
     SCOPED_TRACE(strict ? "strict" : "not strict");
-    env.Hang();
     LogCapture log;
     long status = -1;
     auto uploader = NewUploader(status, strict);
     std::string response;
+    std::thread([&] { uploader->TerminateSession(); }).join();
+    EXPECT_EQ(Post(*uploader, "data=x", response), HTTP_E_ABORTED);
+    EXPECT_EQ(OwnLog(log), Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_ABORTED));
+
+    env.Hang();
+    log.Clear();
+    uploader = NewUploader(status, strict);
     auto post = std::async(std::launch::async, [&] { return Post(*uploader, "data=x", response); });
     // The certificate is checked inside the send, so once that is logged the request is under way.
     for (int i = 0; i < 3000 && log.FindCall(kVerified) == nullptr; ++i) {
@@ -132,6 +155,22 @@ TEST(FileUploaderPost, TerminateSessionAbortsAHangingPostFromAnotherThread) {
     EXPECT_EQ(post.get(), strict ? HTTP_E_ABORTED : FILEUPLOADER_E_SEND_ABORTED);
     EXPECT_EQ(OwnLog(log), Line('E', kVerified, 0) + Line('W', kSessionSend, 42) +
                                (strict ? Line('E', kSendFailed, HTTP_E_ABORTED) : ""));
+    EXPECT_EQ(response, "");
+  }
+  EXPECT_TRUE(env.Posts().empty());
+}
+
+// The single read fails when the session has no answer to give: logged, passed on, the answer left alone.
+TEST(FileUploaderPost, ReadFailureIsLoggedAndPassedOn) {
+  long status = -1;
+  auto uploader = NewUploader(status);
+  for (long expected : {HTTP_E_NO_REQUEST, HTTP_E_ABORTED}) {
+    LogCapture log;
+    std::string response = "kept";
+    EXPECT_EQ(uploader->ReadFileFromNetwork(response), expected);
+    EXPECT_EQ(response, "kept");
+    EXPECT_EQ(OwnLog(log), Line('E', "ReadFile", expected));
+    uploader->TerminateSession();
   }
 }
 
