@@ -199,7 +199,8 @@ bool FeedbackReceiver::ApplyCommand(const std::string& command, std::string& err
       count = value;
     } else if (key == "code" && behaviour.kind == PostBehaviour::eStatus && value >= 100 && value <= 599) {
       behaviour.status = static_cast<int>(value);
-    } else if (key == "length" && (behaviour.kind == PostBehaviour::eLongBody || behaviour.kind == PostBehaviour::eTrickle) &&
+    } else if (key == "length" &&
+               (behaviour.kind == PostBehaviour::eLongBody || behaviour.kind == PostBehaviour::eTrickle) &&
                value >= 0 && value <= (64L << 20)) {
       behaviour.length = static_cast<size_t>(value);
     } else if (key == "nul" && behaviour.kind == PostBehaviour::eLongBody && value >= -1) {
