@@ -41,7 +41,8 @@ class CFileUploader {
   long SendHttpRequest(const char* data, int length);
   // Reads the answer of the open request with a single read.
   long ReadFileFromNetwork(std::string& response);
-  // Aborts a request in progress (or does nothing when none is open); callable from any thread.
+  // Stops the upload for good: a request in progress is aborted, one not yet opened never starts. Callable
+  // from any thread.
   void TerminateSession();
 
   // The session's server-certificate callback; `context` is the uploader.

@@ -5,8 +5,11 @@
 #pragma once
 
 // Usage errors: the call itself was wrong; nothing went over the network.
-constexpr long HTTP_E_INVALID_ARGUMENT = 0xFE460001;  // empty or unparsable URL, scheme not allowed, bad
-                                                      // request type, null buffer, negative length
+constexpr long HTTP_E_INVALID_ARGUMENT = 0xFE460001;  // empty or unparsable URL, scheme not allowed, null
+                                                      // buffer, negative length, something the session does
+                                                      // not offer (a proxy, a client certificate, a progress
+                                                      // callback, another request type or send mode, a body in
+                                                      // parts)
 constexpr long HTTP_E_NO_REQUEST = 0xFE460002;        // no request is open (never opened, or already closed
                                                       // by the opening thread)
 constexpr long HTTP_E_REQUEST_OPEN = 0xFE460003;      // OpenRequest while a request is open

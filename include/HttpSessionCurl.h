@@ -3,11 +3,9 @@
 // to abort a send or read in progress.
 #pragma once
 
-#include <atomic>
 #include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "ApiExport.h"
 #include "HttpErrors.h"

@@ -19,8 +19,10 @@ SC_API void SetConnectTo(const std::vector<std::string>& entries);
 SC_API std::vector<std::string> GetConnectTo();
 
 // The longest one HTTP request may take, from its start to the last byte of its answer, in milliseconds; a
-// request still running then fails with HTTP_E_TIMEOUT. 0 restores the default, 1800000 (30 minutes: a stuck
-// post then ends before the agent's retry of it is due).
+// request still running then fails with HTTP_E_TIMEOUT. 0 restores the default, 1800000. A bound at all,
+// because the feedback agent runs every timer on one thread and a server that trickles its answer would
+// otherwise hold the whole schedule; 30 minutes, the agent's retry interval, so a stuck post ends before its
+// own retry is due.
 SC_API void SetRequestTimeLimitMs(unsigned long milliseconds);
 SC_API unsigned long GetRequestTimeLimitMs();
 

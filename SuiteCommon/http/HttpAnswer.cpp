@@ -15,8 +15,7 @@ std::atomic<bool> g_failAllocation{false};
 void SetHttpAnswerAllocationFailure(bool fail) { g_failAllocation = fail; }
 
 void HttpAnswer::Reset(size_t limit) {
-  kept_.clear();
-  kept_.shrink_to_fit();
+  std::string().swap(kept_);
   limit_ = limit;
   readOffset_ = 0;
   full_ = false;

@@ -4,7 +4,7 @@
 
 #include <cstring>
 #include <exception>
-#include <utility>
+#include <optional>
 
 #include "AppLog.h"
 #include "HttpErrors.h"
@@ -46,7 +46,7 @@ long Guarded(const char* function, long code, Operation&& operation) noexcept {
 }
 
 // Holds the session busy for the sending thread and lets go on every way out, so a stop waiting for the
-// transfer is never left waiting.
+// transfer is never left waiting. Made under the session's lock.
 class BusyScope {
  public:
   explicit BusyScope(CHttpSessionCurl::Impl& s) : s_(s) {
@@ -203,14 +203,14 @@ long CHttpSessionCurl::SendRequest(unsigned long& detail, int finalPart, const c
     if (finalPart == 0 || length < 0 || (data == nullptr && length > 0)) return HTTP_E_INVALID_ARGUMENT;
     if (!m_impl) return HTTP_E_INIT_FAILED;
     Impl& s = *m_impl;
-    std::unique_ptr<BusyScope> busy;
+    std::optional<BusyScope> busy;
     {
       std::lock_guard<std::mutex> lock(s.mutex);
       if (s.stopped) return HTTP_E_ABORTED;
       if (!s.easy) return HTTP_E_NO_REQUEST;
       if (s.busy) return HTTP_E_BUSY;
       s.body.assign(data != nullptr ? data : "", static_cast<size_t>(length));
-      busy = std::make_unique<BusyScope>(s);
+      busy.emplace(s);
     }
     return s.Perform(detail, timeoutMs);
   });
