@@ -119,10 +119,14 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
     LogCapture log;
     long status = -1;
     std::string response = "kept";
-    EXPECT_EQ(Post(*NewUploader(status, row.strict), "data=x", response, false, row.url), row.expected);
+    auto uploader = NewUploader(status, row.strict);
+    EXPECT_EQ(Post(*uploader, "data=x", response, false, row.url), row.expected);
     SetHttpAnswerAllocationFailure(false);
     EXPECT_EQ(response, "kept");
     EXPECT_THAT(OwnLog(log), testing::MatchesRegex(row.log));
+    // Whatever way the post failed, the session was let go: the agent's stop path does not wait for ever.
+    auto stop = std::async(std::launch::async, [&uploader] { uploader->TerminateSession(); });
+    ASSERT_EQ(stop.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   }
   EXPECT_EQ(env.Posts().size(), 1u);  // the one whose answer could not be kept
 }
