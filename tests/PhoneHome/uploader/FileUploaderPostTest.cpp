@@ -72,11 +72,13 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
   }
 }
 
-// The certificate rows come last, as the receiver keeps the certificate it was restarted with.
-TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
+// Every way a post fails, a stop included. The certificate rows come last, as the receiver keeps the
+// certificate it was restarted with.
+TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
   TlsTestEnv env;
   const std::string verified = Line('E', kVerified, 0);
   const std::string anyCurlCode = Line('W', kSessionSend + std::string(" [1-9][0-9]?"));  // libcurl's, not ours
+  enum Stop { kNoStop, kBeforeOpen, kWhileHanging };  // TerminateSession from another thread
   auto refused = [&](long code, const std::string& why) {
     return why + Line('W', "CFileUploader::ServerCertVerify", code) + anyCurlCode +
            Line('E', kSendFailed, HTTP_E_CERT_REJECTED);
@@ -87,6 +89,7 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
     bool strict;
     long expected;
     std::string log;  // a pattern of OwnLog
+    Stop stop = kNoStop;
     std::string url = TlsTestEnv::kPrimaryUrl;
   } rows[] = {
       {"status 500, strict", [&] { env.RespondStatus(500); }, true, HTTP_E_STATUS,
@@ -98,7 +101,17 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
       {"closed mid-request, not strict", [&] { env.CloseConnection(); }, false, FILEUPLOADER_E_SEND_FAILED,
        verified + anyCurlCode + Line('E', kSendFailed, FILEUPLOADER_E_SEND_FAILED)},
       {"open refused: returned at once", [] {}, true, HTTP_E_INVALID_ARGUMENT,
-       Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_INVALID_ARGUMENT), "ftp://feedback.velmar.example/cef"},
+       Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_INVALID_ARGUMENT), kNoStop,
+       "ftp://feedback.velmar.example/cef"},
+      // A stop is not forgotten when it comes before the request is open.
+      {"stopped before open", [] {}, true, HTTP_E_ABORTED,
+       Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_ABORTED), kBeforeOpen},
+      // The session's line gives libcurl's CURLE_ABORTED_BY_CALLBACK; not strict, the abort is translated and
+      // not logged as a failure.
+      {"stopped while hanging, strict", [&] { env.Hang(); }, true, HTTP_E_ABORTED,
+       verified + Line('W', kSessionSend, 42) + Line('E', kSendFailed, HTTP_E_ABORTED), kWhileHanging},
+      {"stopped while hanging, not strict", [&] { env.Hang(); }, false, FILEUPLOADER_E_SEND_ABORTED,
+       verified + Line('W', kSessionSend, 42), kWhileHanging},
       // No memory to keep the answer: a failed post, nothing thrown.
       {"answer cannot be kept", [] { SetHttpAnswerAllocationFailure(true); }, true, HTTP_E_TRANSFER_FAILED,
        verified + Line('W', kSessionSend, 23) + Line('E', kSendFailed, HTTP_E_TRANSFER_FAILED)},
@@ -120,7 +133,19 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
     long status = -1;
     std::string response = "kept";
     auto uploader = NewUploader(status, row.strict);
+    if (row.stop == kBeforeOpen) std::thread([&] { uploader->TerminateSession(); }).join();
+    std::future<void> stopper;
+    if (row.stop == kWhileHanging) {
+      stopper = std::async(std::launch::async, [&] {
+        // The certificate is checked inside the send, so once that is logged the request is under way.
+        for (int i = 0; i < 3000 && log.FindCall(kVerified) == nullptr; ++i) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        uploader->TerminateSession();
+      });
+    }
     EXPECT_EQ(Post(*uploader, "data=x", response, false, row.url), row.expected);
+    if (stopper.valid()) stopper.get();
     SetHttpAnswerAllocationFailure(false);
     EXPECT_EQ(response, "kept");
     EXPECT_THAT(OwnLog(log), testing::MatchesRegex(row.log));
@@ -129,41 +154,6 @@ TEST(FileUploaderPost, FailuresAreMappedAndLoggedByStrictness) {
     ASSERT_EQ(stop.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   }
   EXPECT_EQ(env.Posts().size(), 1u);  // the one whose answer could not be kept
-}
-
-// A stop from the agent's stop path, before the request is open or while it hangs, ends the post at once.
-TEST(FileUploaderPost, TerminateSessionEndsThePostWheneverItComes) {
-  TlsTestEnv env;
-  for (bool strict : {true, false}) {
-    SCOPED_TRACE(strict ? "strict" : "not strict");
-    LogCapture log;
-    long status = -1;
-    auto uploader = NewUploader(status, strict);
-    std::string response;
-    std::thread([&] { uploader->TerminateSession(); }).join();
-    EXPECT_EQ(Post(*uploader, "data=x", response), HTTP_E_ABORTED);
-    EXPECT_EQ(OwnLog(log), Line('E', "CHttpSessionWinHttp::OpenRequest", HTTP_E_ABORTED));
-
-    env.Hang();
-    log.Clear();
-    uploader = NewUploader(status, strict);
-    auto post = std::async(std::launch::async, [&] { return Post(*uploader, "data=x", response); });
-    // The certificate is checked inside the send, so once that is logged the request is under way.
-    for (int i = 0; i < 3000 && log.FindCall(kVerified) == nullptr; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_NE(log.FindCall(kVerified), nullptr) << log.Dump();
-    uploader->TerminateSession();
-    // The server would hang for minutes; a bound far above the expected fraction of a second cannot flake.
-    ASSERT_EQ(post.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    // The session's line gives libcurl's CURLE_ABORTED_BY_CALLBACK; not strict, the abort is translated and not
-    // logged as a failure.
-    EXPECT_EQ(post.get(), strict ? HTTP_E_ABORTED : FILEUPLOADER_E_SEND_ABORTED);
-    EXPECT_EQ(OwnLog(log), Line('E', kVerified, 0) + Line('W', kSessionSend, 42) +
-                               (strict ? Line('E', kSendFailed, HTTP_E_ABORTED) : ""));
-    EXPECT_EQ(response, "");
-  }
-  EXPECT_TRUE(env.Posts().empty());
 }
 
 // The single read fails when the session has no answer to give: logged, passed on, the answer left alone.
