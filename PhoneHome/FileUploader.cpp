@@ -19,7 +19,7 @@ namespace {
 
 const char kLogFile[] = "FileUploader";
 
-// The session's chunk size and the single read of the answer share this size.
+// The single read of the answer takes this much, so the session is told to keep no more.
 constexpr unsigned int kResponseBufferSize = 16384;
 
 // Values the session's open call expects for an HTTPS POST.

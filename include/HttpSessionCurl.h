@@ -1,6 +1,6 @@
 // HTTP session of the host runtime on libcurl with the OpenSSL back end. One session talks to one server;
-// requests are opened, sent, read and closed one at a time, and CloseRequest may come from another thread
-// to abort a send or read in progress.
+// requests are opened, sent, read and closed one at a time, and CloseRequest from another thread stops the
+// session, ending a request in progress.
 #pragma once
 
 #include <list>
