@@ -22,13 +22,16 @@ inline constexpr long XMLPARSER_E_HANDLER = 0xFE3B0006;    // the handler threw;
 //   An end tag, or the end of an empty-element tag <a/>, gives endElement(name).
 // - Text is gathered between two tags and handed over as ONE setElementValue call right before the next start
 //   or end tag, however expat split it (read blocks, lines, entity and character references, CDATA sections).
-//   Comments and processing instructions do not split a run: <a>x<!--c-->y</a> gives "xy".
-// - Mixed content is delivered run by run: <a>x<b>y</b>z</a> gives addElement(a), setElementValue(x),
-//   addElement(b), setElementValue(y), endElement(b), setElementValue(z), endElement(a). The parser keeps no
-//   element stack for the handler: a run after a child's end tag arrives after that child's endElement.
-// - An empty run is never delivered, so <a></a> and <a/> give no setElementValue at all. A run made only of
-//   XML white space (space, tab, CR, LF) is delivered only when parseFile's deliverWhitespace is true; the
-//   profile readers pass false so that indentation between elements never reaches them.
+//   Comments and processing instructions do not split a run: <a>x<!--c-->y</a> gives "xy". Line ends arrive
+//   as "\n", as XML normalises them.
+// - An element without child elements always gets exactly one setElementValue, right before its endElement:
+//   its text as it stands, white space and all, and "" for <a></a> and <a/>.
+// - In an element with child elements the text is delivered run by run: <a>x<b>y</b>z</a> gives addElement(a),
+//   setElementValue(x), addElement(b), setElementValue(y), endElement(b), setElementValue(z), endElement(a).
+//   The parser keeps no element stack for the handler: a run after a child's end tag arrives after that
+//   child's endElement. A run there made only of XML white space (space, tab, CR, LF) is the document's
+//   indentation and is delivered only when parseFile's deliverWhitespace is true; the profile readers pass
+//   false.
 // Names and values are UTF-8.
 class SC_API XmlParser {
  public:

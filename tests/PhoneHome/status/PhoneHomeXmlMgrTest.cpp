@@ -21,23 +21,26 @@ TEST(PhoneHomeXmlMgr, ReadsProfiles) {
       {"<ServiceDisable>true</ServiceDisable><ServiceDisable>false</ServiceDisable>", "0 1 [] 0 0"},
       {"<servicedisable>true</servicedisable><customerId>x</customerId><FEEDBACKINTERVAL>5</FEEDBACKINTERVAL>",
        "0 1 [] 0 0"},
-      // Intervals: strtol, cut to 32 bits; an empty (or blank, never delivered) value keeps the earlier one.
+      // Intervals: strtol, cut to 32 bits; an empty value keeps the earlier one, a blank one is not a number.
       {"<FeedbackInterval>60</FeedbackInterval><FeedbackInterval>abc</FeedbackInterval>"
        "<CheckCrashInterval>0x10</CheckCrashInterval>", "0 1 [] 0 0"},
       {"<FeedbackInterval>86400s</FeedbackInterval><CheckCrashInterval> +42</CheckCrashInterval>", "0 1 [] 86400 42"},
-      {"<FeedbackInterval></FeedbackInterval><CheckCrashInterval>9</CheckCrashInterval><CheckCrashInterval/>"
-       "<CheckCrashInterval> </CheckCrashInterval>", "0 1 [] 0 9"},
+      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval></FeedbackInterval>"
+       "<CheckCrashInterval>9</CheckCrashInterval><CheckCrashInterval/>", "0 1 [] 7 9"},
+      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval> </FeedbackInterval>", "0 1 [] 0 0"},
       {"<FeedbackInterval>-1</FeedbackInterval><CheckCrashInterval>4294967296</CheckCrashInterval>",
        "0 1 [] 4294967295 0"},
       {"<FeedbackInterval>99999999999</FeedbackInterval>"
        "<CheckCrashInterval>99999999999999999999</CheckCrashInterval>", "0 1 [] 1215752191 4294967295"},
-      // The customer ID is verbatim; an empty element keeps the earlier one.
+      // Values are taken as they stand: blank and empty ones too.
       {"<CustomerID> A&amp;B <![CDATA[<x>]]></CustomerID>", "0 1 [ A&B <x>] 0 0"},
-      {"<CustomerID>x</CustomerID><CustomerID></CustomerID>", "0 1 [x] 0 0"},
+      {"<CustomerID>x</CustomerID><CustomerID></CustomerID>", "0 1 [] 0 0"},
+      {"<ServiceDisable>true</ServiceDisable><ServiceDisable> </ServiceDisable><IncludeCrashReport/>"
+       "<CustomerID> </CustomerID>", "0 0 [ ] 0 0"},
       // Only the innermost element is current, any end tag leaves none current, and attributes are ignored.
       {"<FeedbackInterval>5<CustomerID>x</CustomerID>7</FeedbackInterval>", "0 1 [x] 5 0"},
       {"<Policy><CheckCrashInterval>9</CheckCrashInterval></Policy>", "0 1 [] 0 9"},
-      {"<FeedbackInterval><Days>9</Days></FeedbackInterval>", "0 1 [] 0 0"},
+      {"<FeedbackInterval>5</FeedbackInterval><FeedbackInterval>\n <Days>9</Days>\n</FeedbackInterval>", "0 1 [] 5 0"},
       {"<Profile><ServiceDisable>true</ServiceDisable></Profile>", "1 1 [] 0 0"},
       {"<ServiceDisable value=\"true\">false</ServiceDisable>", "0 1 [] 0 0"},
   };
@@ -55,15 +58,4 @@ TEST(PhoneHomeXmlMgr, ReadsProfiles) {
               row.expected)
         << xml;
   }
-}
-
-// Calls the runtime's parser never makes: an empty value, and an end tag naming another element.
-TEST(PhoneHomeXmlMgr, HandlerCallsWithoutAParser) {
-  PhoneHomeXmlMgr profile;
-  profile.addElement(PhoneHomeXmlMgr::sm_tstrFeedbackInterval);
-  profile.setElementValue("30");
-  profile.setElementValue("");  // leaves the interval alone
-  profile.endElement("Other");  // still clears the current element
-  profile.setElementValue("99");
-  EXPECT_EQ(profile.GetFeedbackInterval(), 30u);
 }
