@@ -12,10 +12,11 @@ class XmlMgr;
 inline constexpr long XMLPARSER_OK = 0;
 inline constexpr long XMLPARSER_E_NOT_FOUND = 0xFE3B0001;  // the path (or a directory on it) does not exist
 inline constexpr long XMLPARSER_E_OPEN = 0xFE3B0002;       // it exists but cannot be opened (e.g. no permission)
-inline constexpr long XMLPARSER_E_READ = 0xFE3B0003;       // opened but reading failed (e.g. it is a directory)
+inline constexpr long XMLPARSER_E_READ = 0xFE3B0003;       // opened but reading failed (an I/O error)
 inline constexpr long XMLPARSER_E_MALFORMED = 0xFE3B0004;  // not well-formed XML; an empty file is one too
 inline constexpr long XMLPARSER_E_NO_MEMORY = 0xFE3B0005;  // the parser or a buffer could not be allocated
 inline constexpr long XMLPARSER_E_HANDLER = 0xFE3B0006;    // the handler threw; parsing stopped there
+inline constexpr long XMLPARSER_E_NOT_A_FILE = 0xFE3B0007;  // a directory, FIFO, device or socket: nothing to parse
 
 // How a document reaches the handler:
 // - A start tag gives addElement(name), then addAttribute(name, value) for each attribute in document order.

@@ -3,6 +3,7 @@
 
 #include <expat.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -143,12 +144,19 @@ XmlParser::~XmlParser() = default;
 
 long XmlParser::parseFile(const std::string& path, bool deliverWhitespace) {
   try {
-    UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
+    // O_NONBLOCK so that a FIFO put in the file's place cannot hold the caller until some writer shows up.
+    UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY | O_NONBLOCK));
     if (!file.Valid()) {
       int error = errno;
       CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "Cannot open \"%s\": %s", path.c_str(),
                                strerror(error));
       return error == ENOENT || error == ENOTDIR ? XMLPARSER_E_NOT_FOUND : XMLPARSER_E_OPEN;
+    }
+    struct stat st;
+    if (fstat(file.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "\"%s\" is not a regular file",
+                               path.c_str());
+      return XMLPARSER_E_NOT_A_FILE;
     }
     return ParseStream(file.Get(), m_handler, deliverWhitespace, path);
   } catch (...) {

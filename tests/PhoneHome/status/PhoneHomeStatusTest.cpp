@@ -14,6 +14,7 @@
 #include "BuildConfig.h"
 #include "LogCapture.h"
 #include "PhoneHome/PhoneHomePluginImp.h"
+#include "PermissionBits.h"
 #include "TempDir.h"
 #include "XmlParser.h"
 
@@ -44,7 +45,7 @@ class StatusTest : public ::testing::Test {
 
 TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
   struct Row {
-    const char* profile;  // its text; null: no profile; "/": a directory in its place
+    const char* profile;  // its text; null: no profile; "/", "|": a directory, a FIFO in its place; "0": mode 0
     bool enabled;
     long logged;  // -1: nothing; 0: the warning that it cannot be opened; else the parser's error code
   } rows[] = {
@@ -55,15 +56,23 @@ TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
       {nullptr, true, 0},
       // The handler has seen ServiceDisable true before the missing end tag; that must not count.
       {"<Feedback><ServiceDisable>true</ServiceDisable>", true, XMLPARSER_E_MALFORMED},
-      {"/", true, XMLPARSER_E_READ},
+      {"0", true, 0},
+      {"/", true, XMLPARSER_E_NOT_A_FILE},
+      {"|", true, XMLPARSER_E_NOT_A_FILE},
   };
+  PermissionBits bits;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.profile ? row.profile : "no profile");
     fs::remove_all(kProfile);
-    if (row.profile && std::string(row.profile) == "/") {
+    const std::string kind = row.profile ? row.profile : "";
+    if (kind == "/") {
       fs::create_directory(kProfile);
+    } else if (kind == "|") {
+      mkfifo(kProfile.c_str(), 0600);
     } else if (row.profile) {
-      std::ofstream(kProfile, std::ios::binary) << row.profile;
+      std::ofstream(kProfile, std::ios::binary) << "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>";
+      if (kind != "0") std::ofstream(kProfile, std::ios::binary) << row.profile;
+      chmod(kProfile.c_str(), kind == "0" ? 0 : 0644);
     }
     LogCapture log;
     bool enabled = !row.enabled;
@@ -131,11 +140,15 @@ TEST(PhoneHomeUtility, MarkerFileDecidesEnabled) {
     mode_t mode;
     bool enabled;
   } rows[] = {{nullptr, "", 0644, true}, {"cefdisable", "", 0644, false}, {"cefdisable", "false\n", 0644, false},
-              {"CefDisable", "", 0644, true}, {"cefdisable", "", 0, true}};
+              {"CefDisable", "", 0644, true}, {"cefdisable", "", 0, true}, {"cefdisable", nullptr, 0600, false}};
   for (const Row& row : rows) {
-    if (row.mode == 0 && geteuid() == 0) continue;  // root opens any file whatever its mode
     TempDir dir;
-    if (row.file) chmod(dir.Write(row.file, row.content).c_str(), row.mode);
+    PermissionBits bits;
+    if (!row.content) {
+      mkfifo(dir.File(row.file).c_str(), row.mode);  // content null: a FIFO, which no writer ever opens
+    } else if (row.file) {
+      chmod(dir.Write(row.file, row.content).c_str(), row.mode);
+    }
     EXPECT_EQ(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.path()), row.enabled)
         << (row.file ? row.file : "no marker") << " mode " << row.mode;
   }
