@@ -87,6 +87,7 @@ TEST(Utils, MatchPatternTable) {
       {"", "", true},                {"x", "", false},              {"", "?", false},        {"", "\\", true},
       {"x", "\\", false},            {"a", "a\\", true},            {"abc", "a*b*c*", true}, {"ABC", "abc", false},
       {"mississippi", "m*iss*pi", true}, {"mississippi", "m*iss*ip", false}, {"abc", "ab", false}, {"ab", "abc", false},
+      {"abc", "c", false},           {"abc", "*c", true},
   };
   for (const Row& r : rows) {
     EXPECT_EQ(MatchPattern(r.text, r.pattern), r.match) << "text '" << r.text << "' pattern '" << r.pattern << "'";
