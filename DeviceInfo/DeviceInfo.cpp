@@ -73,6 +73,39 @@ std::string AfterLastSlash(const std::string& text) {
   return slash == std::string::npos ? std::string() : text.substr(slash + 1);
 }
 
+// The text of a symbolic link as stored, or "" for anything that is not a readable link.
+std::string TargetPath(const std::string& path) {
+  if (path.empty()) return "";
+
+  struct stat st;
+  int rc;
+  do {
+    rc = lstat(path.c_str(), &st);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0 || !S_ISLNK(st.st_mode)) return "";
+
+  const size_t linkSize = static_cast<size_t>(st.st_size);
+  std::vector<char> text(linkSize + 1, 0);
+  ssize_t read;
+  do {
+    read = readlink(path.c_str(), text.data(), text.size());
+  } while (read < 0 && errno == EINTR);
+  if (read < 0) return "";
+  text[linkSize] = '\0';
+  return std::string(text.data());
+}
+
+// SHA-1 of `length` bytes as 40 lower-case hex digits.
+long Sha1Hex(const unsigned char* data, unsigned long length, std::string& hex) {
+  if (data == nullptr) return DEVICEINFO_ERR_NO_INPUT;
+  std::string digest;
+  if (OvRuntime::Utils::GetSHA1Hash(data, length, digest) != OvRuntime::Utils::UTILS_OK) {
+    return DEVICEINFO_ERR_FAILED;
+  }
+  hex = OvRuntime::Utils::EncodeToHex(digest);
+  return 0;
+}
+
 }  // namespace
 
 long CDeviceInfoFiles::GetManufacturerName(char* buffer, unsigned int& size) {
@@ -120,7 +153,7 @@ std::string CDeviceInfoFiles::getDeviceNameForRoot() {
 
   // An alias such as /dev/mapper/vg-root is a link whose text (../dm-0) names the kernel device.
   if (name.find('/') != std::string::npos) {
-    std::string target = CDeviceInfo().getTargetPath(name);
+    std::string target = TargetPath(name);
     if (!target.empty()) name = target;
   }
   return AfterLastSlash(name);
@@ -141,9 +174,9 @@ long CDeviceInfoFiles::getDeviceID(std::vector<unsigned char>& id) {
     while (dir) {
       const struct dirent* entry = readdir(dir.get());
       if (entry == nullptr) break;
-      // Some file systems leave d_type unknown; getTargetPath's own lstat then rejects what is not a link.
+      // Some file systems leave d_type unknown; TargetPath's own lstat then rejects what is not a link.
       if (entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN) continue;
-      const std::string target = CDeviceInfo().getTargetPath(m_sources.byUuidDir + "/" + entry->d_name);
+      const std::string target = TargetPath(m_sources.byUuidDir + "/" + entry->d_name);
       if (target.find('/') == std::string::npos) continue;
       if (AfterLastSlash(target) == root) {
         m_rDeviceIdCache.assign(entry->d_name, entry->d_name + strlen(entry->d_name));
@@ -169,7 +202,7 @@ long CDeviceInfoFiles::GetUDID(char*& buffer, unsigned int& size) {
   std::string udid;
   if (bytes.empty()) {
     udid = kEmptyInputUdid;
-  } else if (CDeviceInfo().getSHA1Hash(bytes.data(), bytes.size(), udid) != 0) {
+  } else if (Sha1Hex(bytes.data(), bytes.size(), udid) != 0) {
     return DEVICEINFO_ERR_FAILED;
   }
   safe_strlcpyA(buffer, udid.c_str(), size);
@@ -225,36 +258,13 @@ std::string CDeviceInfo::getDeviceNameForRoot() try {
 }
 
 std::string CDeviceInfo::getTargetPath(const std::string& path) try {
-  if (path.empty()) return "";
-
-  struct stat st;
-  int rc;
-  do {
-    rc = lstat(path.c_str(), &st);
-  } while (rc != 0 && errno == EINTR);
-  if (rc != 0 || !S_ISLNK(st.st_mode)) return "";
-
-  const size_t linkSize = static_cast<size_t>(st.st_size);
-  std::vector<char> text(linkSize + 1, 0);
-  ssize_t read;
-  do {
-    read = readlink(path.c_str(), text.data(), text.size());
-  } while (read < 0 && errno == EINTR);
-  if (read < 0) return "";
-  text[linkSize] = '\0';
-  return std::string(text.data());
+  return TargetPath(path);
 } catch (...) {
   return "";
 }
 
 long CDeviceInfo::getSHA1Hash(const unsigned char* data, unsigned long length, std::string& hex) try {
-  if (data == nullptr) return DEVICEINFO_ERR_NO_INPUT;
-  std::string digest;
-  if (OvRuntime::Utils::GetSHA1Hash(data, length, digest) != OvRuntime::Utils::UTILS_OK) {
-    return DEVICEINFO_ERR_FAILED;
-  }
-  hex = OvRuntime::Utils::EncodeToHex(digest);
-  return 0;
+  return Sha1Hex(data, length, hex);
 } catch (...) {
   return DEVICEINFO_ERR_FAILED;
 }

@@ -22,8 +22,9 @@ const char kFeedbackDirName[] = "CustomerExperienceFeedback";
 const char kProfileFileName[] = "CustomerExperience_Feedback.xml";
 const long kBufferTooSmall = -3;
 
+// O_NONBLOCK: opening a FIFO put in the file's place must not wait for a writer.
 bool CanOpenForReading(const std::string& path) {
-  UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
+  UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY | O_NONBLOCK));
   return file.Valid();
 }
 
@@ -87,7 +88,7 @@ long CPhoneHomeStatus::GetDisplayName(char* buffer, unsigned long& size) {
 }
 
 bool CPhoneHomeUtility::IsPhoneHomeEnabled(const std::string& directory) {
-  // Only existence counts; a directory of that name opens for reading too and so also disables.
+  // Only existence counts; a directory or a FIFO of that name opens for reading too and so also disables.
   try {
     return !CanOpenForReading(directory + "/" + PHONEHOME_STATUS_FILENAME);
   } catch (...) {

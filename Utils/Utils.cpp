@@ -63,13 +63,14 @@ int HexDigitValue(char c) {
 
 // One element of a wildcard pattern; a backslash and the character after it form a single element.
 struct PatternElement {
-  enum EKind { eStar, eAnyOne, eEscaped, eLiteral };
+  enum EKind : unsigned char { eStar, eAnyOne, eEscaped, eLiteral };
   EKind kind;
   char ch;
 };
 
 std::vector<PatternElement> SplitPattern(std::string const& pattern) {
   std::vector<PatternElement> elements;
+  elements.reserve(pattern.size());
   for (size_t i = 0; i < pattern.size(); ++i) {
     char c = pattern[i];
     if (c == '\\') {
@@ -225,37 +226,36 @@ bool MatchPattern(std::string const& text, std::string const& pattern) try {
   std::vector<PatternElement> elements = SplitPattern(pattern);
   if (elements.empty()) return text.empty();
 
-  // cell(i, j): the first i text characters match the first j pattern elements.
-  const size_t rows = text.size() + 1;
+  // The table's cell (i, j) says whether the first i text characters match the first j pattern elements. Each
+  // row needs only the one before it, so two rows stand in for the whole table: memory grows with the pattern
+  // alone, not with text length times pattern length.
   const size_t columns = elements.size() + 1;
-  std::vector<unsigned char> table(rows * columns, 0);
-  auto cell = [&](size_t i, size_t j) -> unsigned char& { return table[i * columns + j]; };
+  std::vector<unsigned char> previous(columns, 0), current(columns, 0);
 
-  cell(0, 0) = 1;
+  previous[0] = 1;
   for (size_t j = 1; j < columns; ++j) {
-    cell(0, j) = elements[j - 1].kind == PatternElement::eStar ? cell(0, j - 1) : 0;
+    previous[j] = elements[j - 1].kind == PatternElement::eStar ? previous[j - 1] : 0;
   }
-  for (size_t i = 1; i < rows; ++i) {
-    const char t = text[i - 1];
+  for (const char t : text) {
+    current[0] = 0;  // a non-empty text never matches no elements
     for (size_t j = 1; j < columns; ++j) {
       const PatternElement& element = elements[j - 1];
       switch (element.kind) {
         case PatternElement::eStar:
-          cell(i, j) = cell(i, j - 1) || cell(i - 1, j);
+          current[j] = current[j - 1] || previous[j];
           break;
         case PatternElement::eEscaped:
-          cell(i, j) = t == element.ch ? cell(i - 1, j - 1) : 0;
+        case PatternElement::eLiteral:
+          current[j] = t == element.ch ? previous[j - 1] : 0;
           break;
         case PatternElement::eAnyOne:
-          cell(i, j) = cell(i - 1, j - 1);
-          break;
-        case PatternElement::eLiteral:
-          cell(i, j) = t == element.ch ? cell(i - 1, j - 1) : 0;
+          current[j] = previous[j - 1];
           break;
       }
     }
+    previous.swap(current);
   }
-  return cell(rows - 1, columns - 1) != 0;
+  return previous[columns - 1] != 0;
 } catch (...) {
   return false;
 }

@@ -14,7 +14,8 @@ class SC_API XmlMgr {
   virtual void addElement(const std::string& name) = 0;
   // The matching end tag (also sent for an empty-element tag <a/>).
   virtual void endElement(const std::string& name) = 0;
-  // One run of text of the element, entities resolved and CDATA unwrapped.
+  // Text of the element, entities resolved and CDATA unwrapped: all of it (possibly "") for an element without
+  // child elements, else one run beside them.
   virtual void setElementValue(const std::string& value) = 0;
   // One attribute of the element last announced by addElement.
   virtual void addAttribute(const std::string& name, const std::string& value) = 0;

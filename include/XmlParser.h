@@ -12,23 +12,27 @@ class XmlMgr;
 inline constexpr long XMLPARSER_OK = 0;
 inline constexpr long XMLPARSER_E_NOT_FOUND = 0xFE3B0001;  // the path (or a directory on it) does not exist
 inline constexpr long XMLPARSER_E_OPEN = 0xFE3B0002;       // it exists but cannot be opened (e.g. no permission)
-inline constexpr long XMLPARSER_E_READ = 0xFE3B0003;       // opened but reading failed (e.g. it is a directory)
+inline constexpr long XMLPARSER_E_READ = 0xFE3B0003;       // opened but reading failed (an I/O error)
 inline constexpr long XMLPARSER_E_MALFORMED = 0xFE3B0004;  // not well-formed XML; an empty file is one too
 inline constexpr long XMLPARSER_E_NO_MEMORY = 0xFE3B0005;  // the parser or a buffer could not be allocated
 inline constexpr long XMLPARSER_E_HANDLER = 0xFE3B0006;    // the handler threw; parsing stopped there
+inline constexpr long XMLPARSER_E_NOT_A_FILE = 0xFE3B0007;  // a directory, FIFO, device or socket: nothing to parse
 
 // How a document reaches the handler:
 // - A start tag gives addElement(name), then addAttribute(name, value) for each attribute in document order.
 //   An end tag, or the end of an empty-element tag <a/>, gives endElement(name).
 // - Text is gathered between two tags and handed over as ONE setElementValue call right before the next start
 //   or end tag, however expat split it (read blocks, lines, entity and character references, CDATA sections).
-//   Comments and processing instructions do not split a run: <a>x<!--c-->y</a> gives "xy".
-// - Mixed content is delivered run by run: <a>x<b>y</b>z</a> gives addElement(a), setElementValue(x),
-//   addElement(b), setElementValue(y), endElement(b), setElementValue(z), endElement(a). The parser keeps no
-//   element stack for the handler: a run after a child's end tag arrives after that child's endElement.
-// - An empty run is never delivered, so <a></a> and <a/> give no setElementValue at all. A run made only of
-//   XML white space (space, tab, CR, LF) is delivered only when parseFile's deliverWhitespace is true; the
-//   profile readers pass false so that indentation between elements never reaches them.
+//   Comments and processing instructions do not split a run: <a>x<!--c-->y</a> gives "xy". Line ends arrive
+//   as "\n", as XML normalises them.
+// - An element without child elements always gets exactly one setElementValue, right before its endElement:
+//   its text as it stands, white space and all, and "" for <a></a> and <a/>.
+// - In an element with child elements the text is delivered run by run: <a>x<b>y</b>z</a> gives addElement(a),
+//   setElementValue(x), addElement(b), setElementValue(y), endElement(b), setElementValue(z), endElement(a).
+//   The parser keeps no element stack for the handler: a run after a child's end tag arrives after that
+//   child's endElement. A run there made only of XML white space (space, tab, CR, LF) is the document's
+//   indentation and is delivered only when parseFile's deliverWhitespace is true; the profile readers pass
+//   false.
 // Names and values are UTF-8.
 class SC_API XmlParser {
  public:

@@ -3,6 +3,7 @@
 
 #include <expat.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,16 +40,22 @@ class Session {
 
   static void XMLCALL OnStart(void* self, const XML_Char* name, const XML_Char** attributes) {
     static_cast<Session*>(self)->Guard([&](Session& s) {
-      s.FlushText();
+      s.FlushRun();
       s.m_handler.addElement(name);
       for (const XML_Char** a = attributes; a[0] != nullptr; a += 2) s.m_handler.addAttribute(a[0], a[1]);
+      s.m_inLeaf = true;
     });
   }
 
   static void XMLCALL OnEnd(void* self, const XML_Char* name) {
     static_cast<Session*>(self)->Guard([&](Session& s) {
-      s.FlushText();
+      if (s.m_inLeaf) {
+        s.DeliverValue();
+      } else {
+        s.FlushRun();
+      }
       s.m_handler.endElement(name);
+      s.m_inLeaf = false;
     });
   }
 
@@ -70,17 +77,29 @@ class Session {
     }
   }
 
-  void FlushText() {
+  // A leaf element's whole text is its value: handed over even when empty or blank, so the handler's own
+  // rules decide what an empty or blank value means.
+  void DeliverValue() {
+    std::string value;
+    value.swap(m_text);
+    m_handler.setElementValue(value);
+  }
+
+  // A run of text beside child elements. One made only of white space is the document's layout, not a value.
+  void FlushRun() {
     if (m_text.empty()) return;
-    std::string run;
-    run.swap(m_text);
-    if (m_deliverWhitespace || !IsXmlWhitespace(run)) m_handler.setElementValue(run);
+    if (m_deliverWhitespace || !IsXmlWhitespace(m_text)) {
+      DeliverValue();
+    } else {
+      m_text.clear();
+    }
   }
 
   XML_Parser m_parser;
   XmlMgr& m_handler;
   bool m_deliverWhitespace;
   bool m_handlerFailed = false;
+  bool m_inLeaf = false;  // no child element since the innermost open element's start tag
   std::string m_text;
 };
 
@@ -125,12 +144,19 @@ XmlParser::~XmlParser() = default;
 
 long XmlParser::parseFile(const std::string& path, bool deliverWhitespace) {
   try {
-    UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY));
+    // O_NONBLOCK so that a FIFO put in the file's place cannot hold the caller until some writer shows up.
+    UniqueFd file(OpenCloexec(path.c_str(), O_RDONLY | O_NONBLOCK));
     if (!file.Valid()) {
       int error = errno;
       CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "Cannot open \"%s\": %s", path.c_str(),
                                strerror(error));
       return error == ENOENT || error == ENOTDIR ? XMLPARSER_E_NOT_FOUND : XMLPARSER_E_OPEN;
+    }
+    struct stat st;
+    if (fstat(file.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_DEBUG, "\"%s\" is not a regular file",
+                               path.c_str());
+      return XMLPARSER_E_NOT_A_FILE;
     }
     return ParseStream(file.Get(), m_handler, deliverWhitespace, path);
   } catch (...) {

@@ -1,24 +1,69 @@
-// The component status over the real profile path below the install root, and the marker-file test.
+// The profile reader over real files, the component status over the real profile path below the install root,
+// and the marker-file test.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
-#include <tuple>
-#include <vector>
 
 #include "BuildConfig.h"
 #include "LogCapture.h"
+#include "PermissionBits.h"
 #include "PhoneHome/PhoneHomePluginImp.h"
+#include "PhoneHome/PhoneHomeXmlMgr.h"
 #include "TempDir.h"
 #include "XmlParser.h"
 
-using namespace std::string_literals;
 namespace fs = std::filesystem;
+
+TEST(PhoneHomeXmlMgr, ReadsProfiles) {
+  // The body goes into <Feedback> unless it brings its own root; the getters read "disable include [customer]
+  // feedback-interval check-interval".
+  const std::pair<std::string, const char*> rows[] = {
+      {"", "0 1 [] 0 0"},
+      // Any letter case of "true" is true, nothing else is, nothing is trimmed, and the last value counts.
+      {"<ServiceDisable>TRUE</ServiceDisable><IncludeCrashReport>tRuE</IncludeCrashReport>", "1 1 [] 0 0"},
+      {"<ServiceDisable>yes</ServiceDisable><IncludeCrashReport>1</IncludeCrashReport>", "0 0 [] 0 0"},
+      {"<ServiceDisable> true</ServiceDisable><IncludeCrashReport>true\n</IncludeCrashReport>", "0 0 [] 0 0"},
+      {"<ServiceDisable>true</ServiceDisable><ServiceDisable>false</ServiceDisable>", "0 1 [] 0 0"},
+      {"<servicedisable>true</servicedisable><customerId>x</customerId><FEEDBACKINTERVAL>5</FEEDBACKINTERVAL>",
+       "0 1 [] 0 0"},
+      // Intervals: strtol cut to 32 bits; an empty value keeps the earlier one, a blank one is no number.
+      {"<FeedbackInterval>60</FeedbackInterval><FeedbackInterval>abc</FeedbackInterval>"
+       "<CheckCrashInterval>0x10</CheckCrashInterval>", "0 1 [] 0 0"},
+      {"<FeedbackInterval>86400s</FeedbackInterval><CheckCrashInterval> +42</CheckCrashInterval>", "0 1 [] 86400 42"},
+      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval></FeedbackInterval>"
+       "<CheckCrashInterval>9</CheckCrashInterval><CheckCrashInterval/>", "0 1 [] 7 9"},
+      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval> </FeedbackInterval>", "0 1 [] 0 0"},
+      {"<FeedbackInterval>-1</FeedbackInterval><CheckCrashInterval>99999999999</CheckCrashInterval>",
+       "0 1 [] 4294967295 1215752191"},
+      {"<CheckCrashInterval>99999999999999999999</CheckCrashInterval>", "0 1 [] 0 4294967295"},
+      // Values are taken as they stand, blank and empty ones too.
+      {"<CustomerID> A&amp;B <![CDATA[<x>]]></CustomerID>", "0 1 [ A&B <x>] 0 0"},
+      {"<CustomerID>x</CustomerID><CustomerID></CustomerID>", "0 1 [] 0 0"},
+      {"<ServiceDisable>true</ServiceDisable><ServiceDisable> </ServiceDisable><IncludeCrashReport/>"
+       "<CustomerID> </CustomerID>", "0 0 [ ] 0 0"},
+      // Only the innermost element is current, any end tag leaves none current, and attributes are ignored.
+      {"<FeedbackInterval>5<CustomerID>x</CustomerID>7</FeedbackInterval>", "0 1 [x] 5 0"},
+      {"<FeedbackInterval>5</FeedbackInterval><FeedbackInterval>\n <Days>9</Days>\n</FeedbackInterval>", "0 1 [] 5 0"},
+      {"<Profile><Policy><ServiceDisable>true</ServiceDisable></Policy></Profile>", "1 1 [] 0 0"},
+      {"<ServiceDisable value=\"true\">false</ServiceDisable>", "0 1 [] 0 0"},
+  };
+  TempDir dir;
+  for (const auto& [body, expected] : rows) {
+    const std::string xml =
+        body.rfind("<Profile>", 0) ? "<?xml version=\"1.0\"?>\n<Feedback>\n" + body + "\n</Feedback>" : body;
+    PhoneHomeXmlMgr p;
+    ASSERT_EQ(XmlParser(p).parseFile(dir.Write("profile.xml", xml), false), XMLPARSER_OK) << xml;
+    EXPECT_EQ(std::to_string(p.GetServiceDisable()) + " " + std::to_string(p.GetIncludeCrashReport()) + " [" +
+                  p.GetCustomerID() + "] " + std::to_string(p.GetFeedbackInterval()) + " " +
+                  std::to_string(p.GetCheckCrashInterval()),
+              expected) << xml;
+  }
+}
 
 namespace {
 
@@ -26,14 +71,13 @@ const std::string kFeedbackDir = std::string(OVF_INSTALL_ROOT) + "/CustomerExper
 const std::string kProfile = kFeedbackDir + "/CustomerExperience_Feedback.xml";
 const std::string kPlainName = "Customer Experience Feedback";
 
-// Each test starts without a profile; afterwards the profile and any directory made for it are removed.
+// Each test starts without a profile; afterwards the profile and any directory made for it are gone.
 class StatusTest : public ::testing::Test {
  protected:
   void SetUp() override {
     for (m_made = kFeedbackDir; !fs::exists(m_made.parent_path());) m_made = m_made.parent_path();
     if (fs::exists(m_made)) m_made = kProfile;
     fs::create_directories(kFeedbackDir);
-    fs::remove_all(kProfile);
   }
   void TearDown() override { fs::remove_all(m_made); }
   CPhoneHomeStatus m_status;
@@ -43,81 +87,76 @@ class StatusTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
-  struct Row {
-    const char* profile;  // its text; null: no profile; "/": a directory in its place
-    bool enabled;
-    long logged;  // -1: nothing; 0: the warning that it cannot be opened; else the parser's error code
-  } rows[] = {
-      {"<Feedback><CustomerID>acme</CustomerID></Feedback>", true, -1},
-      {"<Feedback><ServiceDisable>TRUE</ServiceDisable></Feedback>", false, -1},
-      {"<Feedback><ServiceDisable>false</ServiceDisable><IncludeCrashReport>true</IncludeCrashReport></Feedback>", true,
-       -1},
-      {nullptr, true, 0},
-      // The handler has seen ServiceDisable true before the missing end tag; that must not count.
-      {"<Feedback><ServiceDisable>true</ServiceDisable>", true, XMLPARSER_E_MALFORMED},
-      {"/", true, XMLPARSER_E_READ},
+  const std::string cannotOpen =
+      "W PhoneHomePluginImp LoadStatusFromConfigFile: Config file \"" + kProfile + "\" not exist.\n";
+  const auto cannotParse = [](const char* code) {
+    return "E PhoneHomePluginImp LoadStatusFromConfigFile: XmlParser::parseFile failed with " + std::string(code) +
+           ": Cannot parse \"" + kProfile + "\".\n";
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.profile ? row.profile : "no profile");
+  const struct {
+    const char* profile;  // its text; null: none; "0": a disabling profile of mode 0; "/", "|": a directory, a FIFO
+    bool enabled;
+    std::string logged;  // every record but the parser's debug detail, without source line numbers
+  } rows[] = {
+      {"<Feedback><CustomerID>acme</CustomerID><IncludeCrashReport>true</IncludeCrashReport></Feedback>", true, ""},
+      {"<Feedback><ServiceDisable>TRUE</ServiceDisable></Feedback>", false, ""},
+      {nullptr, true, cannotOpen},
+      {"0", true, cannotOpen},
+      // The handler has seen ServiceDisable true before the missing end tag; that must not count.
+      {"<Feedback><ServiceDisable>true</ServiceDisable>", true, cannotParse("0xFE3B0004")},
+      {"/", true, cannotParse("0xFE3B0007")},
+      {"|", true, cannotParse("0xFE3B0007")},  // no writer ever opens it: a blocking open would wait forever
+  };
+  PermissionBits bits;
+  for (const auto& row : rows) {
+    const std::string kind = row.profile ? row.profile : "none";
+    SCOPED_TRACE(kind);
     fs::remove_all(kProfile);
-    if (row.profile && std::string(row.profile) == "/") {
-      fs::create_directory(kProfile);
-    } else if (row.profile) {
-      std::ofstream(kProfile, std::ios::binary) << row.profile;
+    if (kind == "/") fs::create_directory(kProfile);
+    if (kind == "|") mkfifo(kProfile.c_str(), 0600);
+    if (row.profile && kind != "/" && kind != "|") {
+      std::ofstream(kProfile) << (kind == "0" ? "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>" : kind);
+      chmod(kProfile.c_str(), kind == "0" ? 0 : 0644);
     }
     LogCapture log;
     bool enabled = !row.enabled;
     EXPECT_EQ(m_status.IsEnabled(enabled), 0);
     EXPECT_EQ(enabled, row.enabled);
-    std::vector<LogRecord> records = log.Records();  // the parser's own debug detail aside
-    records.erase(std::remove_if(records.begin(), records.end(), [](auto& r) { return r.importance == APPLOG_DEBUG; }),
-                  records.end());
-    ASSERT_EQ(records.size(), row.logged < 0 ? 0u : 1u) << log.Dump();
-    if (row.logged >= 0) {
-      const LogRecord& r = records[0];
-      const bool warning = row.logged == 0;
-      EXPECT_EQ(std::make_tuple(r.function, r.file, r.importance, r.failingCall, r.code),
-                std::make_tuple("LoadStatusFromConfigFile"s, "PhoneHomePluginImp"s, warning ? +APPLOG_WARNING : +APPLOG_ERROR,
-                                warning ? ""s : "XmlParser::parseFile"s, row.logged));
-      EXPECT_EQ(warning ? r.text : "", warning ? "Config file \"" + kProfile + "\" not exist." : "");
+    std::string logged;
+    for (const LogRecord& r : log.Records()) {
+      if (r.importance != APPLOG_DEBUG)
+        logged += std::regex_replace(CAppLog::FormatRecord(r), std::regex(":\\d+ "), " ") + "\n";
     }
-    // The crash-report flag is never written, so the plain name is shown whatever the profile says; a failure
-    // leaves the caller's enabled flag alone too.
-    bool flag = false, crash = row.logged >= 0;
+    EXPECT_EQ(logged, row.logged);
+    // A failure leaves the caller's flags alone; the crash-report flag is never written, so the plain name is
+    // shown whatever the profile says.
+    bool flag = false, crash = true;
     m_status.LoadStatusFromConfigFile(flag, crash);
-    EXPECT_TRUE(flag == (row.logged < 0 && row.enabled) && crash == (row.logged >= 0)) << flag << crash;
+    EXPECT_TRUE(flag == (row.logged.empty() && row.enabled) && crash) << flag << crash;
     char name[64];
     unsigned long size = sizeof name;
-    EXPECT_EQ(m_status.GetDisplayName(name, size), 0);
-    EXPECT_EQ(name, kPlainName);
+    EXPECT_TRUE(m_status.GetDisplayName(name, size) == 0 && name == kPlainName) << name;
   }
 }
 
-TEST_F(StatusTest, DisplayNameReportsTheSizeItNeeds) {
+TEST_F(StatusTest, DisplayNameReportsTheSizeItNeedsAndOnlyStatusV1IsSupported) {
   const unsigned long needed = kPlainName.size() + 1;
   char buffer[64];
-  struct Row {
-    char* buffer;
-    unsigned long size;
-    long result;
-  } rows[] = {{nullptr, 0, -3}, {nullptr, 1000, -3}, {buffer, needed - 1, -3}, {buffer, needed, 0}};
-  for (const Row& row : rows) {
+  for (auto [to, capacity] : {std::pair<char*, unsigned long>{nullptr, 1000}, {buffer, needed - 1}, {buffer, needed}}) {
     memset(buffer, 'Z', sizeof buffer);
-    unsigned long size = row.size;
-    EXPECT_EQ(m_status.GetDisplayName(row.buffer, size), row.result) << row.size;
-    EXPECT_EQ(size, needed) << row.size;
+    unsigned long size = capacity;
+    EXPECT_EQ(m_status.GetDisplayName(to, size), capacity == needed ? 0 : -3) << capacity;
+    EXPECT_EQ(size, needed) << capacity;
     // Written only when it fits, and nothing past the terminator.
-    EXPECT_EQ(std::string(buffer, needed + 1), row.result == 0 ? kPlainName + '\0' + 'Z' : std::string(needed + 1, 'Z'))
-        << row.size;
+    EXPECT_EQ(std::string(buffer, needed + 1),
+              capacity == needed ? kPlainName + '\0' + 'Z' : std::string(needed + 1, 'Z'));
   }
-}
 
-TEST_F(StatusTest, SupportsOnlyTheStatusInterfaceVersionOne) {
   EXPECT_TRUE(m_status.SupportsInterface("com.velmar.orvane.component.status", 1));
   EXPECT_FALSE(m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 0) ||
                m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 2));
-  for (const char* id : {"com.velmar.orvane.service.customer.feedback", "com.velmar.orvane.component.Status",
-                         "com.velmar.orvane.component.status ", "", static_cast<const char*>(nullptr)}) {
+  for (const char* id : {"com.velmar.orvane.service.customer.feedback", "com.velmar.orvane.component.Status", "",
+                         static_cast<const char*>(nullptr)}) {
     EXPECT_FALSE(m_status.SupportsInterface(id, 1)) << (id ? id : "null");
   }
 }
@@ -125,18 +164,14 @@ TEST_F(StatusTest, SupportsOnlyTheStatusInterfaceVersionOne) {
 TEST(PhoneHomeUtility, MarkerFileDecidesEnabled) {
   EXPECT_STREQ(PHONEHOME_STATUS_FILENAME, "cefdisable");
   EXPECT_STREQ(CPhoneHomeUtility::GetPhoneHomeStatusFileName(), "cefdisable");
-  struct Row {
-    const char* file;  // made in the directory; null: none
-    const char* content;
-    mode_t mode;
-    bool enabled;
-  } rows[] = {{nullptr, "", 0644, true}, {"cefdisable", "", 0644, false}, {"cefdisable", "false\n", 0644, false},
-              {"CefDisable", "", 0644, true}, {"cefdisable", "", 0, true}};
-  for (const Row& row : rows) {
-    if (row.mode == 0 && geteuid() == 0) continue;  // root opens any file whatever its mode
+  // In the directory: nothing; a file of that name and mode; a FIFO, which no writer ever opens.
+  const std::tuple<const char*, mode_t, bool> rows[] = {{"", 0, true}, {"cefdisable", 0644, false},
+      {"CefDisable", 0644, true}, {"cefdisable", 0, true}, {"fifo", 0600, false}};
+  for (const auto& [file, mode, enabled] : rows) {
     TempDir dir;
-    if (row.file) chmod(dir.Write(row.file, row.content).c_str(), row.mode);
-    EXPECT_EQ(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.path()), row.enabled)
-        << (row.file ? row.file : "no marker") << " mode " << row.mode;
+    PermissionBits bits;
+    if (file == std::string("fifo")) mkfifo(dir.File("cefdisable").c_str(), mode);
+    if (file != std::string("fifo") && *file) chmod(dir.Write(file, "false\n").c_str(), mode);
+    EXPECT_EQ(CPhoneHomeUtility::IsPhoneHomeEnabled(dir.path()), enabled) << file << " mode " << mode;
   }
 }
