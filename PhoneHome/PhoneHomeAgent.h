@@ -7,7 +7,6 @@
 #pragma once
 
 #include <atomic>
-#include <istream>
 #include <map>
 #include <mutex>
 #include <string>
@@ -44,16 +43,18 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   // Writes the threat report at reportPath into the outbound directory; it goes out with the next post pass.
   bool SaveThreatReportToFile(const std::string& reportPath);
 
-  // The key/value line reader of the history and config files, over a file and over any stream.
+  // The key/value line reader of the history and config files: a file, and the same over its text.
   static bool LoadFileToMap(const std::string& path, std::map<std::string, std::string>& map);
-  static void LoadStreamToMap(std::istream& in, std::map<std::string, std::string>& map);
+  static void LoadTextToMap(const std::string& text, std::map<std::string, std::string>& map);
 
   // SHA-1 of the bytes of `in` as 40 lower-case hexadecimal characters; `out` is unchanged on failure.
   static bool SHA1Hash(const std::string& in, std::string& out);
 
  protected:
-  // Lifecycle.
+  // Lifecycle; ApplyHistory is InitPhoneHomeAgent's reading of the loaded history (sequence number, last
+  // report time, version).
   bool InitPhoneHomeAgent();
+  void ApplyHistory();
 
   // Settings: the profile first, then the config file, whose intervals win.
   void LoadSettingsFromXmlFile();
@@ -135,6 +136,4 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   bool CreateTimer(CTimer*& timer, CExecutionContext& context, unsigned long timerId, const char* name,
                    const unsigned int* ms);
   bool RunLoop(CExecutionContext& context);
-  // InitPhoneHomeAgent's reading of the loaded history: sequence number, last report time, version.
-  void ApplyHistory();
 };
