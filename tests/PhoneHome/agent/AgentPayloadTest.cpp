@@ -77,6 +77,8 @@ class AgentPayload : public ::testing::Test {
            "e";
   }
 
+  // Outlives both agents: an agent that was never started has no history file to write and says so.
+  LogCapture m_quiet;
   long m_ownerErr = -1;
   CPhoneHomePlugin m_owner{m_ownerErr};
   long m_err = -1;
