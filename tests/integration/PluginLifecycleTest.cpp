@@ -209,6 +209,42 @@ TEST_F(PluginLifecycle, TableAndObjectsAreWhatTheHostAsksFor) {
   EXPECT_TRUE(m_plugin.m_dispose(status));
 }
 
+// A host built apart from this library reaches the objects only by slot number: Plugin's SupportsInterface,
+// its two destructors, then each interface's own operations in their declared order.
+TEST_F(PluginLifecycle, OperationsSitInTheSlotsAHostCalls) {
+  IPhoneHomePlugin* service = m_plugin.CreateFeedback();
+  IComponentStatus* status = m_plugin.CreateStatus();
+  ASSERT_NE(service, nullptr);
+  ASSERT_NE(status, nullptr);
+  auto slot = [](void* object, int index) { return (*static_cast<void***>(object))[index]; };
+
+  using Supports = bool (*)(void*, const char*, unsigned int);
+  EXPECT_TRUE(reinterpret_cast<Supports>(slot(service, 0))(service, kFeedbackId, 1));
+  EXPECT_TRUE(reinterpret_cast<Supports>(slot(status, 0))(status, kStatusId, 1));
+  using Running = unsigned int (*)(void*);
+  EXPECT_EQ(reinterpret_cast<Running>(slot(service, 5))(service), kNotRunning);
+  using SetCallback = long (*)(void*, IPhoneHomePluginCB*);
+  EXPECT_EQ(reinterpret_cast<SetCallback>(slot(service, 6))(service, nullptr), -6);
+  using UnSetCallback = long (*)(void*);
+  EXPECT_EQ(reinterpret_cast<UnSetCallback>(slot(service, 7))(service), 0);
+  using Stop = long (*)(void*);
+  EXPECT_EQ(reinterpret_cast<Stop>(slot(service, 4))(service), 0);
+
+  using Enabled = long (*)(void*, bool&);
+  bool enabled = false;
+  EXPECT_EQ(reinterpret_cast<Enabled>(slot(status, 3))(status, enabled), 0);
+  EXPECT_TRUE(enabled);
+  using DisplayName = long (*)(void*, char*, unsigned long&);
+  unsigned long size = 0;
+  EXPECT_EQ(reinterpret_cast<DisplayName>(slot(status, 4))(status, nullptr, size), -3);
+  EXPECT_GT(size, 1u);
+
+  // Slot 2 is what DisposePlugin calls: the deleting destructor frees the object and its agent.
+  using DeletingDestructor = void (*)(void*);
+  reinterpret_cast<DeletingDestructor>(slot(service, 2))(service);
+  reinterpret_cast<DeletingDestructor>(slot(status, 2))(status);
+}
+
 TEST_F(PluginLifecycle, RunsOnTheHostThreadUntilStoppedFromAnother) {
   IPhoneHomePlugin* service = m_plugin.CreateFeedback();
   ASSERT_NE(service, nullptr);
