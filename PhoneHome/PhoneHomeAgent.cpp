@@ -112,8 +112,8 @@ bool CPhoneHomeAgent::InitPhoneHomeAgent() {
     }
     return true;
   }
-  // Inverted on purpose: deleting a marker left by a disabled run fails this start once, so the other modules
-  // that read the marker see the module come back only with the next start.
+  // Inverted on purpose, as the module has always behaved: a start that deletes a marker left by a disabled run
+  // fails once; the next start (with a new agent) goes on.
   if (remove(statusFile.c_str()) == 0) {
     CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "Failed to remove phoneHome status file");
     return false;
