@@ -78,6 +78,9 @@ class SC_API CEventList {
   // were delivered, EVT_E_TIMEOUT when the wait ended without one (also when the clock's mode changed during
   // the wait), EVT_E_BUSY when a wait on this list is already running.
   long WaitOnEvents(unsigned int waitMs, bool dispatchAll);
+  // WaitOnEvents calls made on this list so far, busy ones excepted: one per pass of the loop that serves it,
+  // so a host or a test can see how often a loop wakes (an idle loop should pass once per timer expiry).
+  uint64_t GetWaitCount() const { return m_ullWaitCount.load(); }
 
  private:
   friend class CCEvent;
@@ -96,4 +99,5 @@ class SC_API CEventList {
   uint64_t m_ullNextRegistration = 1;
   unsigned int m_uiBlocked = 0;  // waits blocked on the clock right now; guarded by the clock's lock
   std::atomic<bool> m_bWaiting{false};
+  std::atomic<uint64_t> m_ullWaitCount{0};
 };

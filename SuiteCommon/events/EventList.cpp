@@ -125,6 +125,7 @@ void CEventList::Deliver(const Signal& signal) {
 long CEventList::WaitOnEvents(unsigned int waitMs, bool dispatchAll) {
   WaitingMark mark(m_bWaiting);
   if (!mark.Owned()) return EVT_E_BUSY;
+  ++m_ullWaitCount;
   std::vector<Signal> taken;
   if (!SuiteClock::detail::WaitFor(waitMs, [&] { return TakeSignaled(dispatchAll, taken); }, m_uiBlocked)) {
     return EVT_E_TIMEOUT;

@@ -46,11 +46,15 @@ TEST(Exports, PluginExportsItsPublicClassesOnly) {
   ASSERT_FALSE(names.empty()) << "nm gave nothing for " << OVF_PLUGIN_PATH;
   for (const char* exported : {"CBencode::", "CBencodeList::", "CBencodeDictionary::", "CBencodeStream::",
                                "OvRuntime::Utils::", "CDeviceInfo::", "CPhoneHomeUtility::",
-                               "PHONEHOME_STATUS_FILENAME"}) {
+                               "PHONEHOME_STATUS_FILENAME", "CPhoneHomeAgent::"}) {
     EXPECT_TRUE(AnyStartsWith(names, exported)) << exported << " is not exported";
   }
-  for (const char* internal : {"PhoneHomeXmlMgr::", "CFileUploader::", "CPhoneHomeStatus::", "CAppLog::",
-                               "CHttpSessionCurl::"}) {
+  // The host finds these by their plain names.
+  for (const char* entry : {"GetAvailableInterfaces", "CreatePlugin", "DisposePlugin", "g_AvailableInterfaces"}) {
+    EXPECT_EQ(names.count(entry), 1u) << entry << " is not exported under its plain name";
+  }
+  for (const char* internal : {"PhoneHomeXmlMgr::", "CFileUploader::", "CPhoneHomeStatus::", "CPhoneHomePlugin::",
+                               "CAppLog::", "CHttpSessionCurl::"}) {
     EXPECT_FALSE(AnyStartsWith(names, internal)) << internal << " leaks out of the plug-in";
   }
 }

@@ -118,6 +118,8 @@ TEST_F(RuntimeClock, LoopRunsMonthsOfScheduleUpToEachHold) {
   Fired expected = {{2, kStart + 300}, {3, kStart + 600}, {3, kStart + 600 + kInterval},
                     {3, kStart + 600 + 2 * kInterval}};
   EXPECT_EQ(loop.fired, expected);
+  // One pass of the loop per expiry, and the wait that is parked now: the clock never wakes an idle loop.
+  EXPECT_EQ(loop.events.GetWaitCount(), expected.size() + 1);
 
   // A hold on the very moment a timer is due: it has run by the time the loop parks.
   const uint32_t hold = kStart + 600 + 3 * kInterval;

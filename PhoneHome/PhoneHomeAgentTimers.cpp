@@ -1,0 +1,47 @@
+// The agent's schedule: which timer expired, and how long the first feedback waits after a start.
+#include <cstdint>
+#include <cstdlib>
+
+#include "AppLog.h"
+#include "Clock.h"
+#include "PhoneHome/PhoneHomeAgent.h"
+
+namespace {
+
+const char kUnit[] = "PhoneHomeAgent";
+// The first run after a start never comes sooner than this, however little of the interval is left.
+const int32_t kMinimumFirstDelaySeconds = 600;
+
+enum : unsigned long {
+  kStarterTimerId = 2,
+  kFeedbackTimerId = 3,
+  kCrashTimerId = 4,
+  kRetryTimerId = 5,
+};
+
+}  // namespace
+
+void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
+  switch (timerId) {
+    case kStarterTimerId:
+    case kFeedbackTimerId:
+    case kCrashTimerId:
+    case kRetryTimerId:
+      // Their work (settings query, collection, crash check, post retry) lands with the feedback cycle.
+      break;
+    default:
+      CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "Unexpected timer");
+      break;
+  }
+}
+
+unsigned int CPhoneHomeAgent::CalcRemainingSeconds(const char* historyKey, unsigned int interval) {
+  // The recorded time is the low 32 bits of what strtol reads, taken as signed; the differences below wrap as
+  // 32-bit signed values do, so a time set far ahead or far back behaves as on the 32-bit clock it came from.
+  const int32_t last = static_cast<int32_t>(static_cast<uint32_t>(strtol(history[historyKey].c_str(), nullptr, 10)));
+  if (last == 0) return kMinimumFirstDelaySeconds;
+  const int32_t elapsed = static_cast<int32_t>(GetCurrentTimeSeconds() - static_cast<uint32_t>(last));
+  if (elapsed < 0) return interval;  // recorded in the future: the clock was set back, wait a whole interval
+  const int32_t remaining = static_cast<int32_t>(interval - static_cast<uint32_t>(elapsed));
+  return remaining < kMinimumFirstDelaySeconds ? kMinimumFirstDelaySeconds : static_cast<unsigned int>(remaining);
+}

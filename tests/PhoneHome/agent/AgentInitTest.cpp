@@ -1,0 +1,90 @@
+// Initialisation over the real feedback tree below the install root: directories, profile switch, marker file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "AgentUnderTest.h"
+#include "AppLog.h"
+#include "BuildConfig.h"
+#include "LogCapture.h"
+#include "TempDir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kTree = std::string(OVF_INSTALL_ROOT) + "/CustomerExperienceFeedback";
+const std::string kBase = kTree + "/";
+const std::string kMarker = kBase + "moduledata/cefdisable";
+
+void WriteFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+// Every test starts and ends without a feedback tree.
+class AgentInit : public ::testing::Test {
+ protected:
+  void SetUp() override { fs::remove_all(kTree); }
+  void TearDown() override { fs::remove_all(kTree); }
+};
+
+}  // namespace
+
+TEST_F(AgentInit, MakesTheTreeAndReadsTheHistory) {
+  fs::create_directories(kBase);
+  WriteFile(kBase + "history", "last_sequence_number:12\nlast_post:1700000000\n");
+  AgentFixture f;
+  LogCapture log;
+  ASSERT_TRUE(f.agent->InitPhoneHomeAgent()) << log.Dump();
+  for (const char* dir : {"", "outbound", "moduledata"}) EXPECT_TRUE(fs::is_directory(kBase + dir)) << dir;
+  EXPECT_EQ(f.agent->baseDir, kBase);
+  EXPECT_EQ(f.agent->outboundDir, kBase + "outbound/");
+  EXPECT_EQ(f.agent->historyFile, kBase + "history");
+  EXPECT_EQ(f.agent->configFile, kBase + "config");
+  EXPECT_EQ(f.agent->profileFile, kBase + "CustomerExperience_Feedback.xml");
+  EXPECT_EQ(f.agent->sequenceNumber, 12u);
+  EXPECT_FALSE(log.Has("Illegal last reported time, using default value (0)")) << log.Dump();
+  EXPECT_FALSE(fs::exists(kMarker));
+}
+
+TEST_F(AgentInit, ADisabledProfileLeavesTheMarkerAndLoadsNothingMore) {
+  fs::create_directories(kBase);
+  WriteFile(kBase + "CustomerExperience_Feedback.xml", "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
+  WriteFile(kBase + "history", "last_sequence_number:12\n");
+  AgentFixture f;
+  LogCapture log;
+  EXPECT_TRUE(f.agent->InitPhoneHomeAgent());
+  EXPECT_TRUE(fs::is_regular_file(kMarker));
+  EXPECT_TRUE(f.agent->history.empty());
+  EXPECT_EQ(f.agent->sequenceNumber, 1u);
+  EXPECT_FALSE(log.Has("Illegal last reported time, using default value (0)")) << log.Dump();
+}
+
+TEST_F(AgentInit, AMarkerFromADisabledRunFailsTheNextStartOnce) {
+  fs::create_directories(kBase + "moduledata");
+  WriteFile(kMarker, "");
+  {
+    AgentFixture f;
+    LogCapture log;
+    EXPECT_FALSE(f.agent->Start());
+    EXPECT_TRUE(log.Has("Failed to remove phoneHome status file")) << log.Dump();
+    EXPECT_TRUE(log.Has("PhoneHomeAgent initialization failed")) << log.Dump();
+    EXPECT_FALSE(fs::exists(kMarker));
+    // Still marked as running after the failed start.
+    EXPECT_FALSE(f.agent->Start());
+    EXPECT_TRUE(log.Has("Customer Experience Feedback module is already running")) << log.Dump();
+  }
+  AgentFixture again;
+  EXPECT_TRUE(again.agent->InitPhoneHomeAgent());
+}
+
+TEST_F(AgentInit, ATreeThatCannotBeMadeFailsWithThePath) {
+  fs::create_directories(OVF_INSTALL_ROOT);
+  WriteFile(kTree, "a file where the feedback directory belongs");
+  AgentFixture f;
+  LogCapture log;
+  EXPECT_FALSE(f.agent->InitPhoneHomeAgent());
+  const LogRecord* failure = log.Find("Failed to create " + kBase + "moduledata/ Directory");
+  ASSERT_NE(failure, nullptr) << log.Dump();
+  EXPECT_EQ(failure->importance, APPLOG_ERROR);
+}

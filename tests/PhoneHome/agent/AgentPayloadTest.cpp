@@ -1,0 +1,229 @@
+// The agent's payload tree byte for byte, its collection periods, and the identity values it carries.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <clocale>
+#include <cstdlib>
+#include <string>
+
+#include "BuildConfig.h"
+#include "Clock.h"
+#include "DeviceIDInfo.h"
+#include "DeviceInfo/DeviceInfo.h"
+#include "LogCapture.h"
+#include "OsVersion.h"
+#include "PhoneHome/PhoneHomeAgent.h"
+#include "PhoneHome/PhoneHomePluginImp.h"
+
+namespace {
+
+constexpr uint32_t kStart = 1700000000;
+const std::string kMachineId = "0123456789abcdef0123456789abcdef01234567";
+const std::string kUdid = "89abcdef0123456789abcdef0123456789abcdef";
+const std::string kDnsHash = "fedcba9876543210fedc";
+
+std::string Str(const std::string& text) { return std::to_string(text.size()) + ":" + text; }
+std::string Int(uint64_t value) { return "i" + std::to_string(value) + "e"; }
+
+// The agent seen from inside: the payload operations and the fields they read, nothing replaced.
+class PayloadAgent : public CPhoneHomeAgent {
+ public:
+  PayloadAgent(long& err, CPhoneHomePlugin& owner) : CPhoneHomeAgent(err, owner) {}
+  using CPhoneHomeAgent::customerId;
+  using CPhoneHomeAgent::dnsHash;
+  using CPhoneHomeAgent::GetMachineID;
+  using CPhoneHomeAgent::GetUDID;
+  using CPhoneHomeAgent::InitPhoneHomePayload;
+  using CPhoneHomeAgent::lastReportedTime;
+  using CPhoneHomeAgent::machineId;
+  using CPhoneHomeAgent::payload;
+  using CPhoneHomeAgent::qualityDict;
+  using CPhoneHomeAgent::udid;
+  using CPhoneHomeAgent::UpdateLevel2Payload;
+
+  std::string Bytes() {
+    CBencodeStream stream("", false);
+    if (!payload.Externalize(stream)) return "<failed>";
+    std::string text(static_cast<size_t>(stream.Tellp()), '\0');
+    stream.Read(&text[0], text.size());
+    return text;
+  }
+  CBencodeList& Level2() { return *static_cast<CBencodeList*>(payload[3]); }
+};
+
+// Each test builds on the simulated clock at kStart, with the environment naming the C.UTF-8 locale while the
+// process itself stays in "C". Neither agent is started, so the two of them (the plug-in's own and the one
+// under test) share execution context 3 without a loop to compete for.
+class AgentPayload : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SuiteClock::UseSimulated(kStart);
+    setlocale(LC_ALL, "C");
+    setenv("LC_ALL", "C.UTF-8", 1);
+    ASSERT_EQ(m_ownerErr, 0);
+    ASSERT_EQ(m_err, 0);
+    m_agent.machineId = kMachineId;
+  }
+  void TearDown() override {
+    unsetenv("LC_ALL");
+    SuiteClock::UseRealTime();
+  }
+  // The OS part as the runtime reports this machine, so the tree is checked against the record it was given.
+  static std::string OsDetails() {
+    const OSVersionInfo os = GetOsVersion();
+    return "d" + Str("OSBuildVersion") + Int(os.buildNumber) + Str("OSLocale") + Str("C.UTF-8") +
+           Str("OSMajorVersion") + Int(os.majorVersion) + Str("OSMinorVersion") + Int(os.minorVersion) +
+           Str("OSName") + Str("Linux") + Str("OSType") + Str(os.type) + Str("OSVersionDetails") + Str(os.details) +
+           "e";
+  }
+
+  // Outlives both agents: an agent that was never started has no history file to write and says so.
+  LogCapture m_quiet;
+  long m_ownerErr = -1;
+  CPhoneHomePlugin m_owner{m_ownerErr};
+  long m_err = -1;
+  PayloadAgent m_agent{m_err, m_owner};
+};
+
+}  // namespace
+
+TEST_F(AgentPayload, TreeIsExactlyTheHeaderWithOptionalKeysLeftOutWhenEmpty) {
+  struct Row {
+    const char* name;
+    std::string udid, customerId, dnsHash;
+    std::string optionalBefore;  // keys sorting before "MachineId"
+    std::string optionalAfter;   // keys sorting after "PhoneHomeFormatVersion"
+  } rows[] = {
+      {"all identity keys", kUdid, "acme", kDnsHash,
+       Str("CustomerId") + Str("acme") + Str("DNSHash") + Str(kDnsHash), Str("UDID") + Str(kUdid)},
+      {"none of the optional keys", "", "", "", "", ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    m_agent.udid = row.udid;
+    m_agent.customerId = row.customerId;
+    m_agent.dnsHash = row.dnsHash;
+    m_agent.lastReportedTime = 0;
+    LogCapture log;
+    ASSERT_TRUE(m_agent.InitPhoneHomePayload()) << log.Dump();
+
+    // A first report ever covers no time: start and end are the same second.
+    const std::string expected =
+        "l" "i7e" + Str(kMachineId) + "i3e"
+        "l" + Int(kStart) + Int(kStart) +
+          "d" "22:QualityImprovementData"
+            "d" + row.optionalBefore + "9:MachineId" + Str(kMachineId) + "9:OSDetails" + OsDetails() +
+              "9:OvVersion" + Str(OVF_BUILD_VERSION) + "22:PhoneHomeFormatVersion" "3:1.0" + row.optionalAfter +
+            "e"
+          "e"
+        "e"
+        "e";
+    EXPECT_EQ(m_agent.Bytes(), expected);
+    EXPECT_TRUE(log.Records().empty()) << log.Dump();
+    // The process keeps its own locale; only the environment's was looked at.
+    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
+  }
+}
+
+TEST_F(AgentPayload, PeriodsFollowEachOtherAcrossBuildsAndUpdates) {
+  // Level 2 of each step: [start, end] at the clock's reading then.
+  struct Step {
+    uint32_t at;
+    bool rebuild;  // InitPhoneHomePayload, else UpdateLevel2Payload
+    uint32_t start, end;
+  } steps[] = {
+      {kStart + 100, true, kStart - 5000, kStart + 100},     // seeded from history's "last_post"
+      {kStart + 700, false, kStart + 100, kStart + 700},     // a file written
+      {kStart + 2000, true, kStart + 700, kStart + 2000},    // rebuilt for a new pass
+      {kStart + 2000, false, kStart + 2000, kStart + 2000},  // a second file in the same second
+      {kStart + 9000, false, kStart + 2000, kStart + 9000},
+  };
+  m_agent.lastReportedTime = kStart - 5000;
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.at - kStart);
+    ASSERT_TRUE(SuiteClock::AdvanceBy(std::chrono::seconds(step.at - GetCurrentTimeSeconds())));
+    ASSERT_EQ(GetCurrentTimeSeconds(), step.at);
+    if (step.rebuild) {
+      ASSERT_TRUE(m_agent.InitPhoneHomePayload());
+    } else {
+      ASSERT_TRUE(m_agent.UpdateLevel2Payload(m_agent.Level2()));
+    }
+    long start = 0, end = 0;
+    ASSERT_TRUE(m_agent.Level2()[0]->Get(start));
+    ASSERT_TRUE(m_agent.Level2()[1]->Get(end));
+    EXPECT_EQ(start, static_cast<long>(step.start));
+    EXPECT_EQ(end, static_cast<long>(step.end));
+    EXPECT_EQ(m_agent.lastReportedTime, step.end);
+    // The quality dictionary is the one inside the tree now, never the one a rebuild freed.
+    CBencodeDictionary* level3 = static_cast<CBencodeDictionary*>(m_agent.Level2()[2]);
+    CBencodeDictionary* quality = nullptr;
+    ASSERT_TRUE(level3->Get("QualityImprovementData", quality, false));
+    EXPECT_EQ(m_agent.qualityDict, quality);
+  }
+}
+
+TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
+  CBencodeList level2(false);
+  LogCapture log;
+  EXPECT_FALSE(m_agent.UpdateLevel2Payload(level2));
+  const LogRecord* record = log.Find("Failed to update timestamp of the last report sent");
+  ASSERT_NE(record, nullptr) << log.Dump();
+  EXPECT_EQ(record->file, "PhoneHomeAgent");
+  EXPECT_EQ(record->importance, APPLOG_ERROR);
+
+  // Only the start there: the period is still closed at the current time before the end is found missing.
+  ASSERT_TRUE(level2.Append(1L));
+  m_agent.lastReportedTime = kStart - 60;
+  EXPECT_FALSE(m_agent.UpdateLevel2Payload(level2));
+  EXPECT_TRUE(log.Has("Failed to update timestamp of the current report sent")) << log.Dump();
+  EXPECT_EQ(m_agent.lastReportedTime, kStart);
+}
+
+TEST(AgentIdentity, Sha1IsFortyLowerCaseHexDigitsOfEveryByte) {
+  const struct {
+    std::string in, out;
+  } rows[] = {
+      {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+      {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+      {std::string(1, '\0'), "5ba93c9db0cff93f52b521d7420e43f6eda2784f"},
+  };
+  for (const auto& row : rows) {
+    std::string out = "poison";
+    EXPECT_TRUE(CPhoneHomeAgent::SHA1Hash(row.in, out));
+    EXPECT_EQ(out, row.out) << row.in.size() << " bytes";
+  }
+}
+
+TEST_F(AgentPayload, MachineIdAndUdidComeFromThePlatform) {
+  std::string deviceId;
+  std::string machineId = "untouched";
+  if (DeviceIDInfo::GetDeviceID(deviceId)) {
+    std::string expected;
+    ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
+    EXPECT_TRUE(PayloadAgent::GetMachineID(machineId));
+    EXPECT_EQ(machineId, expected);
+  } else {
+    EXPECT_FALSE(PayloadAgent::GetMachineID(machineId));
+    EXPECT_EQ(machineId, "untouched");
+  }
+
+  // Whatever this machine's disks give, the agent reports what CDeviceInfo reports, or the code it failed with.
+  char buffer[41] = {};
+  char* data = buffer;
+  unsigned int size = sizeof buffer;
+  const long code = CDeviceInfo().GetUDID(data, size);
+  LogCapture log;
+  std::string udid = "untouched";
+  if (code == 0) {
+    EXPECT_TRUE(PayloadAgent::GetUDID(udid));
+    EXPECT_EQ(udid, buffer);
+  } else {
+    EXPECT_FALSE(PayloadAgent::GetUDID(udid));
+    EXPECT_EQ(udid, "untouched");
+    char text[64];
+    snprintf(text, sizeof text, "Error (%x) in getting UDID", static_cast<unsigned int>(code));
+    const LogRecord* record = log.Find(text);
+    ASSERT_NE(record, nullptr) << log.Dump();
+    EXPECT_EQ(record->importance, APPLOG_WARNING);
+  }
+}
