@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <cerrno>
+#include <functional>
 
 #include "BencodeTestUtil.h"
 #include "TempDir.h"
@@ -146,4 +149,95 @@ TEST_F(BencodeFile, SizeLimitAndFailuresReturnTheirCodeAndLogOnce) {
   list.Append("x"s);
   EXPECT_EQ(list.Externalize(true), kOk);
   EXPECT_EQ(TempDir::Read(path), "l1:xe");
+}
+
+namespace {
+
+// Runs `work` on a thread of `stackBytes`, as a host may run the service on a small stack.
+void OnStackOf(size_t stackBytes, std::function<void()> work) {
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, stackBytes), 0);
+  pthread_t thread;
+  auto run = [](void* job) -> void* {
+    (*static_cast<std::function<void()>*>(job))();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, run, &work), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
+#ifdef OVF_SANITIZE
+size_t const kSmallStack = size_t(1) << 20;  // the sanitizers' red zones make every frame several times larger
+#else
+size_t const kSmallStack = size_t(256) << 10;
+#endif
+
+}  // namespace
+
+// Containers nested `levels` deep, their kinds cycling through `kinds` ('l' or 'd'; a dictionary holds its
+// child under "x"), the innermost one empty.
+std::string Nested(int levels, std::string const& kinds) {
+  std::string text;
+  for (int level = 0; level + 1 < levels; ++level) text += kinds[level % kinds.size()] == 'l' ? "l" : "d1:x";
+  text += kinds[(levels - 1) % kinds.size()] == 'l' ? "le" : "de";
+  return text + std::string(levels - 1, 'e');
+}
+
+TEST_F(BencodeFile, NestingIsBoundedOnReadAndWriteAndAnyTreeCanBeDropped) {
+  int const limit = CBencode::sm_iMaxNestingDepth;
+  for (std::string kinds : {"l", "d", "ld"}) {
+    SCOPED_TRACE("kinds " + kinds);
+    bool const isList = kinds[0] == 'l';
+    std::string const deepest = dir.Write("deepest", Nested(limit, kinds));
+    std::string const deeper = dir.Write("deeper", Nested(limit + 1, kinds));
+    OnStackOf(kSmallStack, [&] {
+      auto load = [&](std::string const& path, EBencodeResult& code) -> std::unique_ptr<CBencode> {
+        if (isList) return std::make_unique<CBencodeList>(path, code, false);
+        return std::make_unique<CBencodeDictionary>(path, code, false);
+      };
+      EBencodeResult first = eBencodeError, second = eBencodeError;
+      std::unique_ptr<CBencode> loaded = load(deepest, first), again = load(deepest, second);
+      EXPECT_TRUE(first == kOk && second == kOk && *loaded == *again);
+      EXPECT_EQ(Serialised(*loaded), TempDir::Read(deepest));
+
+      LogCapture log;
+      std::unique_ptr<CBencode> refused = load(deeper, result);
+      EXPECT_EQ(result, eBencodeIllegalData);
+      EXPECT_EQ(Serialised(*refused), isList ? "le" : "de");
+      ExpectLogged(log, kinds[limit % kinds.size()] == 'l' ? "Failed to internalize list type identifier"
+                                                           : "Failed to internalize dictionary type identifier");
+      ExpectLogged(log, isList ? "CBencodeList Internalize failed" : "Bencode dictionary internalize failed");
+    });
+  }
+
+  // Through the interface a tree can grow as deep as memory allows. Beyond the limit the writer refuses it and
+  // it compares unequal, and it can always be dropped; none of that takes a deep stack.
+  OnStackOf(kSmallStack, [&] {
+    auto build = [](CBencodeList& top, int levels) {
+      CBencodeList* list = &top;
+      for (int depth = 1; depth < levels;) {
+        CBencodeDictionary* dict = nullptr;
+        list->Append(dict);
+        if (++depth == levels) break;
+        list = nullptr;
+        dict->Get("x", list, true);
+        ++depth;
+      }
+    };
+    CBencodeList fits(false), deep(false), twin(false);
+    build(fits, limit);
+    build(deep, 200000);
+    build(twin, 200000);
+    EXPECT_EQ(Serialised(fits), Nested(limit, "ld"));
+    LogCapture log;
+    EXPECT_FALSE(deep == twin);
+    EXPECT_EQ(Serialised(deep), "<failed>");
+    ExpectLogged(log, "Failed to externalize list type identifier");
+    deep.SetBencodeFileName(dir.File("deep"));
+    EXPECT_EQ(deep.Externalize(true), eBencodeError);
+    EXPECT_FALSE(TempDir::Exists(dir.File("deep")));
+    EXPECT_TRUE(deep.Remove(0) && deep.Items().empty());
+  });
 }
