@@ -1,9 +1,11 @@
-// Scalar bencode values: integers and byte strings, their canonical writer and their lenient reader.
+// Scalar bencode values: integers and byte strings, their canonical writer and their lenient reader; the
+// memory of every value, and the bounds on how deep containers are followed.
 #include "PhoneHome/BencodeInternal.h"
 
 #include <atomic>
 #include <climits>
 #include <new>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define OVF_BENCODE_NODE_POOL 0  // let the sanitizer see every block
@@ -20,7 +22,7 @@ namespace {
 
 std::string TextBeforeZero(std::string const& text) { return text.substr(0, text.find('\0')); }
 
-// Values and container entries are carved, in the order they are made, out of 64 KiB slabs: a tree parsed
+// Values are carved, in the order they are made, out of 64 KiB slabs: a tree parsed
 // from a file then lies in memory in file order, which is the order every walk (serialise, compare, destroy)
 // visits it. A block is never reused on its own; a slab goes back to the heap when its last block is released.
 constexpr std::size_t kSlabSize = std::size_t(64) << 10;
@@ -84,9 +86,7 @@ std::size_t BlockFootprint(std::size_t size) {
   return (sizeof(SBlockHeader) + size + kBlockAlignment - 1) / kBlockAlignment * kBlockAlignment;
 }
 
-}  // namespace
-
-void* CBencodeNodePool::Allocate(std::size_t size) {
+void* AllocateNode(std::size_t size) {
   if (!OVF_BENCODE_NODE_POOL || size > kLargestPooled) return ::operator new(size);
   std::size_t const footprint = BlockFootprint(size);
   SCarving& carving = t_carving;
@@ -117,7 +117,7 @@ void* CBencodeNodePool::Allocate(std::size_t size) {
   return header + 1;
 }
 
-void CBencodeNodePool::Release(void* block, std::size_t size) noexcept {
+void ReleaseNode(void* block, std::size_t size) noexcept {
   if (block == nullptr) return;
   if (!OVF_BENCODE_NODE_POOL || size > kLargestPooled) {
     ::operator delete(block);
@@ -125,6 +125,79 @@ void CBencodeNodePool::Release(void* block, std::size_t size) noexcept {
   }
   DropSlab((static_cast<SBlockHeader*>(block) - 1)->slab, 1);
 }
+
+// Containers being reset or destroyed on this thread, and where the outermost one keeps the children set
+// aside below kDeletedInPlace levels (see CDeletion). Trivially destructible, like t_carving.
+struct SDeletions {
+  int depth;
+  std::vector<CBencode*>* setAside;
+};
+thread_local SDeletions t_deletions;
+constexpr int kDeletedInPlace = 64;
+
+thread_local int t_comparisonDepth;
+
+// The slabs as the memory of the containers' entries.
+class CNodeResource : public std::pmr::memory_resource {
+  void* do_allocate(std::size_t bytes, std::size_t alignment) override {
+    if (alignment > kBlockAlignment) return ::operator new(bytes, std::align_val_t(alignment));
+    return AllocateNode(bytes);
+  }
+  void do_deallocate(void* block, std::size_t bytes, std::size_t alignment) override {
+    if (alignment > kBlockAlignment) return ::operator delete(block, std::align_val_t(alignment));
+    ReleaseNode(block, bytes);
+  }
+  bool do_is_equal(std::pmr::memory_resource const& other) const noexcept override { return this == &other; }
+};
+
+}  // namespace
+
+// The named limits are members with storage in the library: a module that takes one by reference links
+// against these, and every user of the header still sees the values as constants.
+const int CBencodeStream::sm_iMaxIntSize;
+const mode_t CBencodeStream::sm_fileCreationMode;
+const long CBencodeStream::sm_iMaxFileSize;
+const long CBencode::sm_iMaxStringSize;
+const int CBencode::sm_iMaxNestingDepth;
+
+void* CBencode::operator new(std::size_t size) { return AllocateNode(size); }
+
+void CBencode::operator delete(void* block, std::size_t size) noexcept { ReleaseNode(block, size); }
+
+BencodeInternal::CDeletion::CDeletion()
+    : m_bInPlace(t_deletions.depth < kDeletedInPlace), m_bOutermost(t_deletions.depth == 0) {
+  if (m_bOutermost) t_deletions.setAside = &m_setAside;
+  ++t_deletions.depth;
+}
+
+BencodeInternal::CDeletion::~CDeletion() {
+  if (m_bOutermost) {
+    // Each child deleted here starts again at the top of the in-place depth.
+    while (!m_setAside.empty()) {
+      CBencode* child = m_setAside.back();
+      m_setAside.pop_back();
+      delete child;
+    }
+    t_deletions.setAside = nullptr;
+  }
+  --t_deletions.depth;
+}
+
+void BencodeInternal::CDeletion::SetAside(CBencode* child) {
+  if (child != nullptr) t_deletions.setAside->push_back(child);
+}
+
+std::pmr::memory_resource* BencodeInternal::NodeResource() {
+  // Never destroyed: trees held by static objects may be dropped after every other static is gone.
+  static CNodeResource* const resource = new CNodeResource;
+  return resource;
+}
+
+BencodeInternal::CComparisonLevel::CComparisonLevel() { ++t_comparisonDepth; }
+
+BencodeInternal::CComparisonLevel::~CComparisonLevel() { --t_comparisonDepth; }
+
+bool BencodeInternal::CComparisonLevel::Allowed() const { return t_comparisonDepth <= CBencode::sm_iMaxNestingDepth; }
 
 CBencode::CBencode(EContentType type) : m_eType(type), m_iValue(0) {}
 
@@ -208,10 +281,10 @@ bool CBencode::Externalize(CBencodeStream& stream) {
   switch (m_eType) {
     case eInteger:
       stream.WriteInteger(m_iValue);
-      return stream.Good();
+      return stream.m_pBuffer->Good();
     case eString:
       stream.WriteString(m_strValue);
-      return stream.Good();
+      return stream.m_pBuffer->Good();
     default:
       return false;
   }
@@ -221,17 +294,17 @@ bool CBencode::Internalize(CBencodeStream& stream) {
   if (m_eType == eString) return GetStringFromStream(stream, m_strValue);
   if (m_eType != eInteger) return false;
 
-  char c = 0;
-  if (!stream.Read(&c, 1) || c != 'i') {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
+  if (buffer.Get() != 'i') {
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize integer type identifier");
     return false;
   }
   stream >> m_iValue;
-  if (!stream.Good()) {
+  if (!buffer.Good()) {
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize integer value");
     return false;
   }
-  if (!stream.Read(&c, 1) || c != 'e') {
+  if (buffer.Get() != 'e') {
     BENCODE_FAILURE(eBencodeIllegalData, "Integer internalize failed");
     return false;
   }
@@ -239,18 +312,18 @@ bool CBencode::Internalize(CBencodeStream& stream) {
 }
 
 bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& value) const {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
   long length = 0;
   stream >> length;
-  if (!stream.Good() || length < 0 || length > sm_iMaxStringSize) {
+  if (!buffer.Good() || length < 0 || length > sm_iMaxStringSize) {
     BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }
-  char c = 0;
-  if (!stream.Read(&c, 1) || c != ':') {
+  if (buffer.Get() != ':') {
     BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }
-  if (!stream.m_buffer.ReadText(value, static_cast<unsigned long>(length))) {
+  if (!buffer.ReadText(value, static_cast<unsigned long>(length))) {
     BENCODE_FAILURE(eBencodeIllegalData, "Illegal bencode string");
     return false;
   }

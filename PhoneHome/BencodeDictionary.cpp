@@ -18,10 +18,11 @@ char const* ValueFailure(int firstByte) {
 
 }  // namespace
 
-CBencodeDictionary::CBencodeDictionary(bool spool) : CBencode(eDictionary), m_pStream(nullptr), m_bSpool(spool) {}
+CBencodeDictionary::CBencodeDictionary(bool spool)
+    : CBencode(eDictionary), m_items(BencodeInternal::NodeResource()), m_pStream(nullptr), m_bSpool(spool) {}
 
 CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result, bool spool)
-    : CBencode(eDictionary), m_pStream(nullptr), m_bSpool(spool) {
+    : CBencode(eDictionary), m_items(BencodeInternal::NodeResource()), m_pStream(nullptr), m_bSpool(spool) {
   SetBencodeFileName(fileName);
   result = Internalize();
   if (result != eBencodeOk) {
@@ -131,7 +132,8 @@ bool CBencodeDictionary::Remove(std::string const& key) {
 }
 
 void CBencodeDictionary::Reset() {
-  for (ItemMap::value_type& entry : m_items) delete entry.second;
+  BencodeInternal::CDeletion deletion;
+  for (ItemMap::value_type& entry : m_items) deletion.Delete(entry.second);
   m_items.clear();
 }
 
@@ -141,6 +143,8 @@ bool CBencodeDictionary::operator==(CBencode const& other) const {
   if (other.GetType() != eDictionary) return false;
   CBencodeDictionary const* dict = dynamic_cast<CBencodeDictionary const*>(&other);
   if (dict == nullptr || dict->m_items.size() != m_items.size()) return false;
+  BencodeInternal::CComparisonLevel level;
+  if (!level.Allowed()) return false;
   for (ItemMap::const_iterator mine = m_items.begin(), theirs = dict->m_items.begin(); mine != m_items.end();
        ++mine, ++theirs) {
     if (mine->second == nullptr || theirs->second == nullptr) return false;
@@ -150,8 +154,9 @@ bool CBencodeDictionary::operator==(CBencode const& other) const {
 }
 
 bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
-  stream.Write("d", 1);
-  if (!stream.Good()) {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
+  BencodeInternal::CNestingLevel level(buffer);
+  if (!level.Allowed() || !buffer.Write("d", 1)) {
     BENCODE_FAILURE(eBencodeError, "Failed to externalize dictionary type identifier");
     return false;
   }
@@ -161,7 +166,7 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
       return false;
     }
     stream.WriteString(entry.first);
-    if (!stream.Good()) {
+    if (!buffer.Good()) {
       BENCODE_FAILURE(eBencodeError, "Failed to externalize key string");
       return false;
     }
@@ -170,25 +175,26 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
       return false;
     }
   }
-  stream.Write("e", 1);
-  return stream.Good();
+  return buffer.Write("e", 1);
 }
 
 bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
-  char c = 0;
-  stream.Read(&c, 1);
-  if (stream.Eof()) return true;  // empty input: the dictionary stays as it was
-  if (stream.Fail() || c != 'd') {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
+  int const first = buffer.Get();
+  if (buffer.Eof()) return true;  // empty input: the dictionary stays as it was
+  // Nested deeper than the limit is illegal data, as for the list.
+  BencodeInternal::CNestingLevel level(buffer);
+  if (first != 'd' || !level.Allowed()) {
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize dictionary type identifier");
     return false;
   }
   Reset();
 
   for (;;) {
-    int next = stream.Peek();
-    if (stream.Good() && next == 'e') {
-      stream.Read(&c, 1);
-      return stream.Good();
+    int next = buffer.Peek();
+    if (buffer.Good() && next == 'e') {
+      buffer.Get();
+      return true;
     }
 
     std::string key;
@@ -208,8 +214,8 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
       }
     }
 
-    next = stream.Peek();
-    if (!stream.Good()) {
+    next = buffer.Peek();
+    if (!buffer.Good()) {
       BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize value type identifier");
       return false;
     }

@@ -16,10 +16,11 @@ char const* ItemFailure(int firstByte) {
 
 }  // namespace
 
-CBencodeList::CBencodeList(bool spool) : CBencode(eList), m_pStream(nullptr), m_bSpool(spool) {}
+CBencodeList::CBencodeList(bool spool)
+    : CBencode(eList), m_items(BencodeInternal::NodeResource()), m_pStream(nullptr), m_bSpool(spool) {}
 
 CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool spool)
-    : CBencode(eList), m_pStream(nullptr), m_bSpool(spool) {
+    : CBencode(eList), m_items(BencodeInternal::NodeResource()), m_pStream(nullptr), m_bSpool(spool) {
   SetBencodeFileName(fileName);
   result = Internalize();
   if (result != eBencodeOk) {
@@ -103,7 +104,8 @@ bool CBencodeList::Erase(unsigned long index) {
 }
 
 void CBencodeList::Reset() {
-  for (CBencode* item : m_items) delete item;
+  BencodeInternal::CDeletion deletion;
+  for (CBencode* item : m_items) deletion.Delete(item);
   m_items.clear();
 }
 
@@ -111,6 +113,8 @@ bool CBencodeList::operator==(CBencode const& other) const {
   if (other.GetType() != eList) return false;
   CBencodeList const* list = dynamic_cast<CBencodeList const*>(&other);
   if (list == nullptr || list->m_items.size() != m_items.size()) return false;
+  BencodeInternal::CComparisonLevel level;
+  if (!level.Allowed()) return false;
   for (size_t i = 0; i < m_items.size(); ++i) {
     if (m_items[i] == nullptr || list->m_items[i] == nullptr) return false;
     if (!(*m_items[i] == *list->m_items[i])) return false;
@@ -119,8 +123,9 @@ bool CBencodeList::operator==(CBencode const& other) const {
 }
 
 bool CBencodeList::Externalize(CBencodeStream& stream) {
-  stream.Write("l", 1);
-  if (!stream.Good()) {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
+  BencodeInternal::CNestingLevel level(buffer);
+  if (!level.Allowed() || !buffer.Write("l", 1)) {
     BENCODE_FAILURE(eBencodeError, "Failed to externalize list type identifier");
     return false;
   }
@@ -134,29 +139,31 @@ bool CBencodeList::Externalize(CBencodeStream& stream) {
       return false;
     }
   }
-  stream.Write("e", 1);
-  return stream.Good();
+  return buffer.Write("e", 1);
 }
 
 bool CBencodeList::Internalize(CBencodeStream& stream) {
-  char c = 0;
-  stream.Read(&c, 1);
-  if (stream.Eof()) return true;  // empty input: the list stays as it was
-  if (stream.Fail() || c != 'l') {
+  CBencodeStream::CBuffer& buffer = *stream.m_pBuffer;
+  int const first = buffer.Get();
+  if (buffer.Eof()) return true;  // empty input: the list stays as it was
+  // A list nested deeper than the limit is illegal data, refused where it opens: unbounded nesting would let
+  // a few hundred kilobytes of "l" exhaust the stack of whatever thread loads the file.
+  BencodeInternal::CNestingLevel level(buffer);
+  if (first != 'l' || !level.Allowed()) {
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize list type identifier");
     return false;
   }
   Reset();
 
   for (;;) {
-    int const next = stream.Peek();
-    if (!stream.Good()) {
+    int const next = buffer.Peek();
+    if (!buffer.Good()) {
       BENCODE_FAILURE(eBencodeIllegalData, "Failed to internalize list item identifier");
       return false;
     }
     if (next == 'e') {
-      stream.Read(&c, 1);
-      return stream.Good();
+      buffer.Get();
+      return true;
     }
 
     std::unique_ptr<CBencode> item = BencodeInternal::NewValueFor(next);

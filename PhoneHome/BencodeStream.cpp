@@ -73,9 +73,28 @@ bool FitsPlainDigits(char const* text, int length, long& value) {
 
 }  // namespace
 
-CBencodeStream::CBencodeStream(std::string const& fileName, bool spool) : m_bSpool(spool) { SetFileName(fileName); }
+CBencodeStream::CBencodeStream(std::string const& fileName, bool spool) : m_pBuffer(new CBuffer), m_bSpool(spool) {
+  SetFileName(fileName);
+}
 
-CBencodeStream::~CBencodeStream() = default;
+CBencodeStream::~CBencodeStream() { delete m_pBuffer; }
+
+void CBencodeStream::ResetStream() { m_pBuffer->Assign(std::string()); }
+bool CBencodeStream::Read(char* buffer, unsigned long count) { return m_pBuffer->Read(buffer, count); }
+bool CBencodeStream::Write(char const* buffer, unsigned long count) { return m_pBuffer->Write(buffer, count); }
+int CBencodeStream::Peek() { return m_pBuffer->Peek(); }
+long CBencodeStream::Tellp() { return m_pBuffer->Tellp(); }
+long CBencodeStream::Tellg() { return m_pBuffer->Tellg(); }
+bool CBencodeStream::Seekp(unsigned long offset, std::ios_base::seekdir direction) {
+  return m_pBuffer->Seekp(offset, direction);
+}
+bool CBencodeStream::Seekg(unsigned long offset, std::ios_base::seekdir direction) {
+  return m_pBuffer->Seekg(offset, direction);
+}
+bool CBencodeStream::Fail() const { return m_pBuffer->Fail(); }
+bool CBencodeStream::Eof() const { return m_pBuffer->Eof(); }
+bool CBencodeStream::Good() const { return m_pBuffer->Good(); }
+void CBencodeStream::Clear() { m_pBuffer->Clear(); }
 
 void CBencodeStream::SetFileName(std::string const& fileName) { m_strFileName = fileName.substr(0, fileName.find('\0')); }
 
@@ -134,7 +153,7 @@ EBencodeResult CBencodeStream::LoadStream() {
 
   std::string::size_type const zero = text.find('\0');
   if (zero != std::string::npos) text.resize(zero);
-  m_buffer.Assign(std::move(text));
+  m_pBuffer->Assign(std::move(text));
   return eBencodeOk;
 }
 
@@ -143,7 +162,7 @@ EBencodeResult CBencodeStream::FlushStream(bool& wroteSideFile) {
   // The buffer's whole text: up to the farther of the write position and the end of what was loaded. After
   // a load and a shorter serialisation the old tail is written too; readers stop at the end of the
   // top-level value, so the file still reads as the new value. Kept deliberately.
-  std::string const& text = m_buffer.Text();
+  std::string const& text = m_pBuffer->Text();
 
   bool toSideFile = false;
   UniqueFd file(-1);
@@ -184,11 +203,11 @@ CBencodeStream& CBencodeStream::operator<<(long value) {
   char text[sm_iMaxIntSize];
   std::to_chars_result const printed = std::to_chars(text, text + sm_iMaxIntSize - 1, value);
   if (printed.ec != std::errc()) {
-    m_buffer.SetFail();
+    m_pBuffer->SetFail();
     BENCODE_FAILURE(eBencodeError, "snprintf failed");
     return *this;
   }
-  m_buffer.Write(text, static_cast<unsigned long>(printed.ptr - text));
+  m_pBuffer->Write(text, static_cast<unsigned long>(printed.ptr - text));
   return *this;
 }
 
@@ -197,7 +216,7 @@ void CBencodeStream::WriteString(std::string const& text) {
   char head[sm_iMaxIntSize + 1];
   std::to_chars_result const printed = std::to_chars(head, head + sm_iMaxIntSize - 1, static_cast<long>(text.size()));
   *printed.ptr = ':';
-  m_buffer.Write(head, static_cast<unsigned long>(printed.ptr + 1 - head));
+  m_pBuffer->Write(head, static_cast<unsigned long>(printed.ptr + 1 - head));
   *this << text;
 }
 
@@ -207,22 +226,22 @@ void CBencodeStream::WriteInteger(long value) {
   token[0] = 'i';
   std::to_chars_result const printed = std::to_chars(token + 1, token + sm_iMaxIntSize, value);
   *printed.ptr = 'e';
-  m_buffer.Write(token, static_cast<unsigned long>(printed.ptr + 1 - token));
+  m_pBuffer->Write(token, static_cast<unsigned long>(printed.ptr + 1 - token));
 }
 
 CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
-  m_buffer.Write(text.data(), std::min(text.size(), text.find('\0')));
+  m_pBuffer->Write(text.data(), std::min(text.size(), text.find('\0')));
   return *this;
 }
 
 CBencodeStream& CBencodeStream::operator>>(long& value) {
-  if (!m_buffer.Good()) {
+  if (!m_pBuffer->Good()) {
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
     return *this;
   }
   char text[sm_iMaxIntSize];
   int length = 0;
-  switch (m_buffer.ScanIntegerText(text, sm_iMaxIntSize, length)) {
+  switch (m_pBuffer->ScanIntegerText(text, sm_iMaxIntSize, length)) {
     case CBuffer::eScanEnded:
       BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
       return *this;
@@ -238,7 +257,7 @@ CBencodeStream& CBencodeStream::operator>>(long& value) {
 
   if (FitsPlainDigits(text, length, value)) return *this;
   if (!ScanDecimal(text, value)) {
-    m_buffer.SetFail();
+    m_pBuffer->SetFail();
     BENCODE_FAILURE(eBencodeIllegalData, "Failed to read integer value");
   }
   return *this;

@@ -5,11 +5,16 @@
 // The property starts at the first write, not at the input: reading is lenient (leading zeros, a "+" sign,
 // a 21-character integer that keeps the old value, a dictionary that stops at a repeated key and leaves the
 // rest unread, strings cut at a zero byte), so the input itself need not be canonical.
+//
+// Nesting deeper than CBencode::sm_iMaxNestingDepth must be refused, not followed; fuzz/bencode.max_len lets
+// inputs reach far past it.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "AppLog.h"
 #include "PhoneHome/Bencode.h"
@@ -40,11 +45,35 @@ std::string Written(CBencode& value, const char* what) {
   return text;
 }
 
+// How deep containers nest in `value`, the outermost counting 1, found without recursion.
+int Depth(const CBencode& value) {
+  int deepest = 0;
+  std::vector<std::pair<const CBencode*, int>> pending{{&value, 1}};
+  while (!pending.empty()) {
+    auto [next, depth] = pending.back();
+    pending.pop_back();
+    if (next->GetType() == CBencode::eList) {
+      deepest = depth > deepest ? depth : deepest;
+      for (const CBencode* item : static_cast<const CBencodeList*>(next)->Items()) pending.push_back({item, depth + 1});
+    } else if (next->GetType() == CBencode::eDictionary) {
+      deepest = depth > deepest ? depth : deepest;
+      for (const auto& entry : static_cast<const CBencodeDictionary*>(next)->Items()) {
+        pending.push_back({entry.second, depth + 1});
+      }
+    }
+  }
+  return deepest;
+}
+
 template <class Make>
 void CheckFixedPoint(const uint8_t* data, size_t size, Make make, const char* what) {
   std::unique_ptr<CBencode> first = make();
   auto input = StreamOf(reinterpret_cast<const char*>(data), size);
   if (!first->Internalize(*input)) return;
+  if (Depth(*first) > CBencode::sm_iMaxNestingDepth) {
+    fprintf(stderr, "%s: a value nested deeper than the limit was read\n", what);
+    abort();
+  }
 
   const std::string canonical = Written(*first, what);
   std::unique_ptr<CBencode> second = make();

@@ -53,8 +53,16 @@ TEST(Exports, PluginExportsItsPublicClassesOnly) {
   for (const char* entry : {"GetAvailableInterfaces", "CreatePlugin", "DisposePlugin", "g_AvailableInterfaces"}) {
     EXPECT_EQ(names.count(entry), 1u) << entry << " is not exported under its plain name";
   }
+  // The named limits are members with storage of their own, which a module can link against.
+  for (const char* constant : {"CBencodeStream::sm_iMaxIntSize", "CBencodeStream::sm_fileCreationMode",
+                               "CBencodeStream::sm_iMaxFileSize", "CBencode::sm_iMaxStringSize",
+                               "CBencode::sm_iMaxNestingDepth"}) {
+    EXPECT_EQ(names.count(constant), 1u) << constant << " is not exported";
+  }
+  // Internal classes stay inside, and so does what makes the bencode classes fast.
   for (const char* internal : {"PhoneHomeXmlMgr::", "CFileUploader::", "CPhoneHomeStatus::", "CPhoneHomePlugin::",
-                               "CAppLog::", "CHttpSessionCurl::"}) {
+                               "CAppLog::", "CHttpSessionCurl::", "CBencodeNodePool::", "CBencodeStream::CBuffer::",
+                               "BencodeInternal::"}) {
     EXPECT_FALSE(AnyStartsWith(names, internal)) << internal << " leaks out of the plug-in";
   }
 }

@@ -10,7 +10,6 @@
 
 #include "JsonForm.h"
 #include "UniqueFd.h"
-#include "LargeStack.h"
 
 namespace cef {
 
@@ -131,25 +130,6 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& err
   }
   bytes = std::move(content);
   return true;
-}
-
-size_t StackForFile(const std::string& path) {
-  std::string error;
-  unsigned long long size = 0;
-  int fd = OpenRegular(path, size, error);
-  if (fd < 0) return StackForDepth(0);
-  UniqueFd file(fd);
-  // The loader refuses anything larger before parsing, so no more than this can ever nest.
-  size_t left = kMaxFileSize;
-  size_t depth = 0;
-  char buffer[1 << 16];
-  while (left > 0) {
-    ssize_t n = ReadRetrying(file.Get(), buffer, std::min(left, sizeof buffer));
-    if (n <= 0) break;
-    depth += DepthBound(std::string_view(buffer, static_cast<size_t>(n)));
-    left -= static_cast<size_t>(n);
-  }
-  return StackForDepth(depth);
 }
 
 bool LoadBencodeFile(const std::string& path, LoadedFile& file, std::string& error) {

@@ -13,8 +13,8 @@
 namespace cef {
 
 // Collects the log records made while it lives, as lines (see RecordText); the sink in place before is
-// restored afterwards. A record repeated back to back is kept once with its count: a file nested a million
-// levels deep fails with a million identical lines.
+// restored afterwards. A record repeated back to back is kept once with its count: a file that fails deep
+// inside its nesting logs the same line for every level around the failure.
 class LogCollector {
  public:
   LogCollector();
@@ -55,12 +55,8 @@ struct LoadedFile {
 
 // Loads `path` as a dictionary or a list according to its first byte. False, with a one-line `error`, when
 // the file cannot be examined at all: it is missing, not a regular file or unreadable. (The library would
-// create a missing file; cef never does.) The tree nests as deep as the file does: load, walk and destroy it
-// on a stack of StackForFile(path).
+// create a missing file; cef never does.)
 bool LoadBencodeFile(const std::string& path, LoadedFile& file, std::string& error);
-
-// Stack bytes enough to load, walk and destroy the tree of the file at `path`.
-size_t StackForFile(const std::string& path);
 
 // The whole content of a file, or false with a one-line `error`.
 bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& error);

@@ -11,31 +11,22 @@
 
 #include "BencodeFile.h"
 #include "JsonForm.h"
-#include "LargeStack.h"
 
 namespace cef {
 
 namespace {
 
-// Runs `work` on a stack of `stackBytes`; nothing thrown inside gets out.
-int RunDeep(size_t stackBytes, const std::function<int()>& work) {
-  constexpr int kNoThread = -1;
-  auto guarded = [&work]() -> int {
-    try {
-      return work();
-    } catch (const std::bad_alloc&) {
-      return Fail("out of memory");
-    } catch (const std::exception& ex) {
-      return Fail(ex.what());
-    } catch (...) {
-      return Fail("unexpected failure");
-    }
-  };
-  int rc = RunWithStack(stackBytes, guarded, kNoThread);
-  if (rc == kNoThread) {
-    return Fail("cannot reserve " + std::to_string(stackBytes >> 20) + " MiB of stack for a value nested this deep");
+// Runs `work`; nothing thrown inside gets out.
+int Guarded(const std::function<int()>& work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory");
+  } catch (const std::exception& ex) {
+    return Fail(ex.what());
+  } catch (...) {
+    return Fail("unexpected failure");
   }
-  return rc;
 }
 
 bool ReadStandardInput(std::string& bytes) {
@@ -91,7 +82,7 @@ void StatusOfOutbound(const std::filesystem::path& outbound) {
   for (const auto& path : files) {
     std::string name = ShownLine(path.filename().string());
     std::string file = path.string();
-    RunDeep(StackForFile(file), [&]() -> int {
+    Guarded([&]() -> int {
       LoadedFile loaded;
       std::string error;
       if (!LoadBencodeFile(file, loaded, error)) {
@@ -144,7 +135,7 @@ int Fail(const std::string& message) {
 }
 
 int Dump(const std::string& path, bool compact) {
-  return RunDeep(StackForFile(path), [&]() -> int {
+  return Guarded([&]() -> int {
     LoadedFile file;
     std::string error;
     if (!LoadBencodeFile(path, file, error)) return Fail(error);
@@ -164,13 +155,10 @@ int Encode(const std::string& jsonPath, const std::string& outPath) {
     return Fail(error);
   }
   const std::string source = jsonPath == "-" ? std::string("standard input") : jsonPath;
-  // Building needs no deep stack; writing and destroying the tree do, as deep as it has grown.
-  JsonTree built;
-  std::string reason;
-  const bool ok = BuildFromJson(json, built, reason);
-  int rc = RunDeep(StackForDepth(built.depth), [&]() -> int {
-    JsonTree tree = std::move(built);
-    if (!ok) return Fail(source + ": " + reason);
+  return Guarded([&]() -> int {
+    JsonTree tree;
+    std::string reason;
+    if (!BuildFromJson(json, tree, reason)) return Fail(source + ": " + reason);
     LogCollector collector;
     EBencodeResult result;
     if (tree.dictionary) {
@@ -187,15 +175,10 @@ int Encode(const std::string& jsonPath, const std::string& outPath) {
     }
     return kExitOk;
   });
-  // Only when no deep-stack thread could run is the tree still here; destroying it on this stack could
-  // overflow, and the process ends now anyway.
-  (void)built.list.release();
-  (void)built.dictionary.release();
-  return rc;
 }
 
 int Check(const std::string& path) {
-  return RunDeep(StackForFile(path), [&]() -> int {
+  return Guarded([&]() -> int {
     LoadedFile file;
     std::string error;
     if (!LoadBencodeFile(path, file, error)) return Fail(error);

@@ -302,7 +302,10 @@ class TreeBuilder : public nlohmann::json_sax<nlohmann::json> {
     } else {
       parent->dict->Insert(parent->key, value);
     }
-    tree_.depth = std::max(tree_.depth, stack_.size() + 1);
+    if (stack_.size() + 1 > static_cast<size_t>(CBencode::sm_iMaxNestingDepth)) {
+      return Fail("nesting deeper than " + std::to_string(CBencode::sm_iMaxNestingDepth) +
+                  " levels, more than the system reads");
+    }
     return Count(2);
   }
 

@@ -40,7 +40,6 @@ struct JsonTree {
   std::unique_ptr<CFileList> list;
   std::unique_ptr<CBencodeDictionary> dictionary;
   size_t encodedSize = 0;  // bytes of the canonical bencode text
-  size_t depth = 0;        // deepest nesting of containers, the top level counting 1
   CBencode* Root() const {
     return list ? static_cast<CBencode*>(list.get()) : static_cast<CBencode*>(dictionary.get());
   }
@@ -48,7 +47,8 @@ struct JsonTree {
 
 // Parses `json` and builds its value tree. False, with a one-line `error`, for text that is not JSON, for a
 // top-level value other than an object or an array, for values without a bencode form (true, false, null,
-// fractions, numbers beyond 64 bits), for repeated keys and for anything the system's reader would refuse.
+// fractions, numbers beyond 64 bits), for repeated keys and for anything the system's reader would refuse
+// (strings and files over its size limits, containers nested deeper than it follows).
 bool BuildFromJson(const std::string& json, JsonTree& tree, std::string& error);
 
 // A byte string shown for a one-line message: printable ASCII as it is, every other byte as \xNN.

@@ -47,7 +47,9 @@ TEST(BencodeGrammar, ValuesReadLenientlyAndWriteCanonically) {
       {"ld1:a", false, "le",
        {"Failed to internalize value type identifier", "Failed to internalize list item of type dictionary"}},
       {"de", true, "de", {}}, {"", true, "d1:zi9ee", {}}, {"d1:bi2e1:ai1ee", true, "d1:ai1e1:bi2ee", {}},
+      {"d2:abi1e1:\xffi2e1:ai3e0:i4e1:Bi5ee", true, "d0:i4e1:Bi5e1:ai3e2:abi1e1:\xffi2ee", {}},  // unsigned bytes
       {"d1:ai1e1:ai2ee", true, "d1:ai1ee", {kKey}},  // a repeated key ends its dictionary, successfully
+      {"ld1:ai1e1:ai2eei3ee", true, "ld1:ai1eei2ee", {kKey}},  // ...whose parent reads on from the value
       {"di1ei2ee", false, "de", {kReadInt, kIllegal, kKey}}, {"d1:ai1e", false, "d1:ai1ee", {kReadInt, kIllegal, kKey}},
       {"l", false, "d1:zi9ee", {"Failed to internalize dictionary type identifier"}},
       {"d1:aie", false, "de", {kReadInt, kBadInt, "Failed to internalize value of type integer"}},
