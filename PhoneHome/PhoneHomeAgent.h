@@ -62,6 +62,8 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
 
   // Schedule.
   unsigned int CalcRemainingSeconds(const char* historyKey, unsigned int interval);
+  void OnFeedbackTimer();
+  void RearmTimer(CTimer* timer, unsigned int intervalSeconds);
 
   // Payload.
   bool InitPhoneHomePayload();

@@ -1,6 +1,9 @@
 // The agent's schedule: which timer expired, and how long the first feedback waits after a start.
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "AppLog.h"
 #include "Clock.h"
@@ -23,16 +26,48 @@ enum : unsigned long {
 
 void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
   switch (timerId) {
-    case kStarterTimerId:
     case kFeedbackTimerId:
+      OnFeedbackTimer();
+      break;
     case kCrashTimerId:
+      // The crash check itself lands with the reports; the timer keeps its period meanwhile.
+      RearmTimer(crashTimer, crashCheckInterval);
+      break;
+    case kStarterTimerId:
     case kRetryTimerId:
-      // Their work (settings query, collection, crash check, post retry) lands with the feedback cycle.
+      // The settings query and the post passes land with the feedback cycle.
       break;
     default:
       CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "Unexpected timer");
       break;
   }
+}
+
+void CPhoneHomeAgent::OnFeedbackTimer() {
+  if (moduleFiles.empty()) {
+    // Rows in this order; only the service module hands over two files.
+    static const std::pair<const char*, std::vector<std::string>> kModules[] = {
+        {"AccessModule", {"AccessPhoneHomeFile"}},
+        {"WebFilterModule", {"WebFilterPhoneHomeFile"}},
+        {"TunnelModule", {"TunnelPhoneHomeFile"}},
+        {"ResolverModule", {"ResolverPhoneHomeFile"}},
+        {"FlowModule", {"FlowPhoneHomeFile"}},
+        {"PostureCheckModule", {"PosturePhoneHomeFile"}},
+        {"ServiceModule", {"BasePosture", "ElevatedPosture"}},
+    };
+    for (const auto& row : kModules) moduleFiles[row.first] = row.second;
+    collectAttempts = 4;
+  }
+  // The skeleton is rebuilt only while a DNS hash is known; this coupling is deliberate.
+  if (!dnsHash.empty()) InitPhoneHomePayload();
+  // The collection pass, which may re-arm this timer itself with a short wait, lands with the feedback cycle.
+  RearmTimer(feedbackTimer, feedbackInterval);
+}
+
+void CPhoneHomeAgent::RearmTimer(CTimer* timer, unsigned int intervalSeconds) {
+  // Seconds become milliseconds in 32-bit arithmetic, as every interval of the schedule does.
+  const long err = timer->StartTimer(intervalSeconds * 1000u);
+  if (err != 0) CAppLog::LogReturnCode(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "CTimer::StartTimer", err);
 }
 
 unsigned int CPhoneHomeAgent::CalcRemainingSeconds(const char* historyKey, unsigned int interval) {

@@ -130,8 +130,8 @@ class PluginLifecycle : public ::testing::Test {
     std::ofstream(path, std::ios::binary) << text;
   }
   // Runs a service with the given history until it parks at `hold`; then checks the first expiry of "Phone
-  // Home" is exactly `expiry`: at one second before, the next deadline is a second away, and moving the hold
-  // onto it takes the loop through exactly one more pass.
+  // Home" is exactly `expiry`: at one second before, the next deadline is a second away, moving the hold onto
+  // it takes the loop through exactly one more pass, and that pass arms the next cycle.
   void ExpectFirstFeedbackAt(const std::string& history, uint32_t expiry) {
     SCOPED_TRACE(history);
     fs::remove_all(kFeedbackDir);
@@ -154,6 +154,8 @@ class PluginLifecycle : public ::testing::Test {
         ASSERT_TRUE(SuiteClock::HoldAt(expiry));
         ASSERT_TRUE(SuiteClock::WaitUntilParked(kBound));
         EXPECT_EQ(loop.Passes(), passes + 1);
+        // The handler arms the next cycle a whole interval on, whatever the first delay was.
+        EXPECT_EQ(loop.NextExpiryMs(), static_cast<long long>(kInterval) * 1000);
       }
       EXPECT_EQ(service->StopPhoneHome(), 0);
     }
