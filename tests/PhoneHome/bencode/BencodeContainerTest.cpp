@@ -125,13 +125,11 @@ TEST(BencodeContainers, TreesMoveBetweenThreads) {
       handed.push_back(std::move(built));
     }
   });
-  size_t dropped = 0;
-  while (dropped < 2000) {
-    std::vector<std::unique_ptr<CBencode>> batch;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      batch.swap(handed);
-    }
+  for (size_t dropped = 0; dropped < 2000;) {
+    std::unique_lock<std::mutex> lock(mutex);
+    std::vector<std::unique_ptr<CBencode>> batch = std::move(handed);
+    handed.clear();
+    lock.unlock();
     for (std::unique_ptr<CBencode>& each : batch) EXPECT_EQ(Serialised(*each), text);
     dropped += batch.size();
   }

@@ -24,7 +24,7 @@ TEST(BencodeGrammar, ValuesReadLenientlyAndWriteCanonically) {
   struct Row {
     std::string input;
     bool ok;
-    char const* after;  // the value written back after the parse; its first byte names the type (see Previous)
+    std::string after;  // the value written back after the parse; its first byte names the type (see Previous)
     std::vector<char const*> messages;
   } const rows[] = {
       {"i007e", true, "i7e", {}}, {"i+7e", true, "i7e", {}}, {"i 7e", true, "i7e", {}}, {"i-0e", true, "i0e", {}},
@@ -35,6 +35,7 @@ TEST(BencodeGrammar, ValuesReadLenientlyAndWriteCanonically) {
       {"x1e", false, "i77e", {"Failed to internalize integer type identifier"}},
       {"0:", true, "0:", {}}, {" +03:abc", true, "3:abc", {}}, {"3:a\0c"s, true, "1:a", {}},
       {"123456789012345678901:xyz", true, "0:", {kReadInt}},  // a 21-character length reads as 0
+      {"524288:" + std::string(524288, 'q'), true, "524288:" + std::string(524288, 'q'), {}},
       {"-1:", false, "3:old", {kIllegal}}, {"524289:", false, "3:old", {kIllegal}},
       {"3:ab", false, "3:old", {kIllegal}}, {"3eabc", false, "3:old", {kIllegal}},
       {"", false, "3:old", {kReadInt, kIllegal}},
@@ -58,16 +59,13 @@ TEST(BencodeGrammar, ValuesReadLenientlyAndWriteCanonically) {
       {"d1:adx", false, "de", {kReadInt, kIllegal, kKey, "Failed to internalize value of type dictionary"}},
   };
   for (Row const& row : rows) {
-    SCOPED_TRACE("input \"" + row.input + "\"");
+    SCOPED_TRACE("input \"" + row.input.substr(0, 40) + "\"");
     std::unique_ptr<CBencode> value = Parsed(Previous(row.after[0]));
     LogCapture log;
     EXPECT_EQ(Parse(*value, row.input), row.ok);
     EXPECT_EQ(Serialised(*value), row.after);
     ExpectOnlyLogged(log, row.messages);
   }
-  CBencode longest(CBencode::eString);
-  EXPECT_TRUE(Parse(longest, "524288:" + std::string(524288, 'q')));
-  EXPECT_EQ(Serialised(longest).size(), 7u + 524288);
 }
 
 TEST(BencodeGrammar, IntegerReaderConvertsAsScanfDoes) {
@@ -99,8 +97,9 @@ TEST(BencodeGrammar, ScalarOperationsCheckTypeAndRange) {
     CBencode value(row.start);
     LogCapture log;
     long got = 0;
-    EXPECT_EQ(value.Add(row.delta), row.ok) << row.start << " + " << row.delta;
-    EXPECT_TRUE(value.Get(got) && got == (row.ok ? row.start + row.delta : row.start)) << row.start << "+" << row.delta;
+    SCOPED_TRACE(testing::Message() << row.start << " + " << row.delta);
+    EXPECT_EQ(value.Add(row.delta), row.ok);
+    EXPECT_TRUE(value.Get(got) && got == (row.ok ? row.start + row.delta : row.start));
     EXPECT_EQ(log.Has("Add operation will cause integer overflow"), !row.ok);
   }
 
