@@ -1,9 +1,9 @@
 // Device identity on fake trees in a temporary directory, and what holds on any real machine.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -36,9 +36,7 @@ struct FakeMachine {
     dir.Write("mtab", out);
   }
   void Link(const std::string& name, const std::string& target) {
-    for (size_t s = name.find('/'); s != std::string::npos; s = name.find('/', s + 1)) {
-      mkdir(dir.File(name.substr(0, s)).c_str(), 0755);
-    }
+    std::filesystem::create_directories(std::filesystem::path(dir.File(name)).parent_path());
     ASSERT_EQ(symlink(target.c_str(), dir.File(name).c_str()), 0) << name;
   }
   std::optional<std::string> Id() {  // none: the lookup failed (and emptied the id)
@@ -150,7 +148,7 @@ TEST(DeviceInfoFiles, VendorFirstLineAndCache) {
   EXPECT_EQ(m.files.GetManufacturerName(nullptr, size), DEVICEINFO_ERR_NULL_BUFFER);
 }
 
-TEST(DeviceInfo, PathFreeOperations) {
+TEST(DeviceInfo, PathFreeOperationsAndThisMachine) {
   CDeviceInfo info;
   for (unsigned int capacity : {3u, 4u, 100u}) {
     EXPECT_EQ(Answer(info, &CDeviceInfo::GetSystemType, capacity),
@@ -170,12 +168,9 @@ TEST(DeviceInfo, PathFreeOperations) {
                                     {dir.File("missing"), ""}, {std::string(), ""}}) {
     EXPECT_EQ(info.getTargetPath(path), text) << path;
   }
-}
 
-// Where the root device has no "/dev/disk/by-uuid" entry (containers, build machines) GetUDID gives the
-// empty-input value; without a "/" entry in "/etc/mtab" it fails.
-TEST(DeviceInfo, RealMachine) {
-  CDeviceInfo info;
+  // This machine. Where the root device has no "/dev/disk/by-uuid" entry (containers, build machines) GetUDID
+  // gives the empty-input value; without a "/" entry in "/etc/mtab" it fails.
   char host[256] = {};
   ASSERT_EQ(gethostname(host, sizeof host - 1), 0);
   const unsigned int length = static_cast<unsigned int>(strlen(host));

@@ -1,6 +1,8 @@
 // Log capture for tests.
 #include "LogCapture.h"
 
+#include <algorithm>
+
 LogCapture::LogCapture() {
   previous_ = CAppLog::SetSink([this](const LogRecord& record) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -22,30 +24,25 @@ void LogCapture::Clear() {
 
 size_t LogCapture::Count(const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  size_t n = 0;
-  for (const LogRecord& r : records_) n += r.text == text;
-  return n;
+  return std::count_if(records_.begin(), records_.end(), [&](const LogRecord& r) { return r.text == text; });
 }
 
 const LogRecord* LogCapture::Find(const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const LogRecord& r : records_) {
-    if (r.text == text) return &r;
-  }
-  return nullptr;
+  auto it = std::find_if(records_.begin(), records_.end(), [&](const LogRecord& r) { return r.text == text; });
+  return it == records_.end() ? nullptr : &*it;
 }
 
 const LogRecord* LogCapture::FindCall(const std::string& failingCall) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const LogRecord& r : records_) {
-    if (r.kind == LogRecord::eReturnCode && r.failingCall == failingCall) return &r;
-  }
-  return nullptr;
+  auto it = std::find_if(records_.begin(), records_.end(), [&](const LogRecord& r) {
+    return r.kind == LogRecord::eReturnCode && r.failingCall == failingCall;
+  });
+  return it == records_.end() ? nullptr : &*it;
 }
 
 std::string LogCapture::Dump() const {
-  std::lock_guard<std::mutex> lock(mutex_);
   std::string out;
-  for (const LogRecord& r : records_) out += CAppLog::FormatRecord(r) + "\n";
+  for (const LogRecord& r : Records()) out += CAppLog::FormatRecord(r) + "\n";
   return out;
 }

@@ -2,13 +2,8 @@
 // configuration pointed at it.
 #include "TlsTestEnv.h"
 
-#include <openssl/pem.h>
-#include <openssl/x509_vfy.h>
-
-#include <dirent.h>
 #include <fcntl.h>
-#include <openssl/bio.h>
-#include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -18,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -35,80 +31,28 @@ extern char** environ;
 
 namespace {
 
-struct BioFree {
-  void operator()(BIO* p) const { BIO_free_all(p); }
-};
-struct SslCtxFree {
-  void operator()(SSL_CTX* p) const { SSL_CTX_free(p); }
-};
-struct DirClose {
-  void operator()(DIR* p) const { closedir(p); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
-using SslCtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
-
 static_assert(std::string_view(TlsTestEnv::kPrimaryHost) == TestPki::kPrimaryHost &&
                   std::string_view(TlsTestEnv::kSecondaryHost) == TestPki::kSecondaryHost,
               "the test certificates must carry the fixture's host names");
 
-constexpr auto kStartLimit = std::chrono::seconds(30);
-constexpr auto kStopLimit = std::chrono::seconds(10);
-
-[[noreturn]] void Fail(const std::string& what) {
-  char detail[256] = "";
-  if (unsigned long error = ERR_get_error()) ERR_error_string_n(error, detail, sizeof detail);
-  throw std::runtime_error("TlsTestEnv: " + what + (detail[0] ? std::string(": ") + detail : ""));
-}
-
-const char* CertName(TestCert cert) {
-  switch (cert) {
-    case TestCert::eTrusted:
-      return TestPki::kServerCertFile;
-    case TestCert::eWrongHost:
-      return TestPki::kWrongHostFile;
-    case TestCert::eExpired:
-      return TestPki::kExpiredFile;
-    case TestCert::eUnknownCA:
-      return TestPki::kUnknownCAFile;
-    case TestCert::eWildcard:
-      return TestPki::kWildcardFile;
-  }
-  return "";
-}
+[[noreturn]] void Fail(const std::string& what) { throw std::runtime_error("TlsTestEnv: " + what); }
 
 // The process's test certificates, made on first use and removed at exit.
-class Certificates {
- public:
-  static const Certificates& Get() {
-    static const Certificates certificates;
-    return certificates;
+std::string PkiFile(const char* name) {
+  struct Pki : TempDir {
+    Pki() { TestPki::Write(path()); }
+  };
+  static const Pki pki;
+  return pki.File(name);
+}
+
+// Polls `done` every 10 ms until it holds or `limit` has passed; says which.
+template <class Done>
+bool PollFor(std::chrono::seconds limit, Done done) {
+  for (auto deadline = std::chrono::steady_clock::now() + limit; !done();) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  std::string Path(const std::string& name) const { return dir_.File(name); }
-
- private:
-  Certificates() { TestPki::Write(dir_.path()); }
-
-  TempDir dir_;
-};
-
-// Owns the child's stdout/stderr file actions for the lifetime of one spawn.
-class SpawnActions {
- public:
-  SpawnActions() { posix_spawn_file_actions_init(&actions_); }
-  ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
-  SpawnActions(const SpawnActions&) = delete;
-  SpawnActions& operator=(const SpawnActions&) = delete;
-  posix_spawn_file_actions_t* get() { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-};
-
-bool ReadPort(const std::string& path, unsigned short& port) {
-  std::ifstream in(path);
-  long value = 0;
-  if (!(in >> value) || value <= 0 || value > 65535) return false;
-  port = static_cast<unsigned short>(value);
   return true;
 }
 
@@ -119,8 +63,7 @@ TlsTestEnv::TlsTestEnv(TestCert cert, const std::vector<std::string>& hosts)
       storeDir_(dir_.File("store")),
       savedCAFile_(SuiteRuntime::GetTrustedCAFile()),
       savedConnectTo_(SuiteRuntime::GetConnectTo()) {
-  Certificates::Get();
-  if (mkdir(storeDir_.c_str(), 0755) != 0) throw std::runtime_error("TlsTestEnv: cannot create " + storeDir_);
+  if (mkdir(storeDir_.c_str(), 0755) != 0) Fail("cannot create " + storeDir_);
   Start(cert);
   SuiteRuntime::SetTrustedCAFile(CAFile());
   MapHosts();
@@ -132,9 +75,13 @@ TlsTestEnv::~TlsTestEnv() {
   SuiteRuntime::SetConnectTo(savedConnectTo_);
 }
 
-std::string TlsTestEnv::CAFile() { return Certificates::Get().Path(TestPki::kCAFile); }
-std::string TlsTestEnv::CertFile(TestCert cert) { return Certificates::Get().Path(CertName(cert)); }
-std::string TlsTestEnv::KeyFile() { return Certificates::Get().Path(TestPki::kServerKeyFile); }
+std::string TlsTestEnv::CAFile() { return PkiFile(TestPki::kCAFile); }
+std::string TlsTestEnv::KeyFile() { return PkiFile(TestPki::kServerKeyFile); }
+std::string TlsTestEnv::CertFile(TestCert cert) {
+  const char* const names[] = {TestPki::kServerCertFile, TestPki::kWrongHostFile, TestPki::kExpiredFile,
+                               TestPki::kUnknownCAFile, TestPki::kWildcardFile};  // in TestCert's order
+  return PkiFile(names[static_cast<int>(cert)]);
+}
 
 void TlsTestEnv::Restart(TestCert cert) {
   Stop();
@@ -144,56 +91,46 @@ void TlsTestEnv::Restart(TestCert cert) {
 
 void TlsTestEnv::Start(TestCert cert) {
   static int starts = 0;
-  const std::string receiver = OVF_RECEIVER_PATH;
-  if (receiver.empty() || access(receiver.c_str(), X_OK) != 0) {
-    throw std::runtime_error("TlsTestEnv: receiver binary not found at '" + receiver + "'");
+  std::string receiver = OVF_RECEIVER_PATH;
+  if (receiver.empty() || access(receiver.c_str(), X_OK) != 0) Fail("receiver binary not found at '" + receiver + "'");
+  std::string portFile = dir_.File("port-" + std::to_string(++starts)), logFile = dir_.File("receiver.log"),
+              certFile = CertFile(cert), keyFile = KeyFile(), port = "0", exit = "--exit-with-parent";
+  std::string options[] = {"--cert", "--key", "--store", "--port", "--port-file"};
+  char* argv[] = {receiver.data(), options[0].data(), certFile.data(), options[1].data(), keyFile.data(),
+                  options[2].data(), storeDir_.data(), options[3].data(), port.data(), options[4].data(),
+                  portFile.data(), exit.data(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  const int spawned = posix_spawn(&pid_, receiver.c_str(), &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    pid_ = -1;
+    Fail("cannot start " + receiver);
   }
-  const std::string portFile = dir_.File("port-" + std::to_string(++starts));
-  const std::string logFile = dir_.File("receiver.log");
-  const std::string certFile = CertFile(cert);
-  const std::string keyFile = KeyFile();
-  std::vector<std::string> args = {receiver,  "--cert", certFile, "--key",       keyFile,  "--store",
-                                   storeDir_, "--port", "0",      "--port-file", portFile, "--exit-with-parent"};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
-  SpawnActions actions;
-  posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(actions.get(), STDOUT_FILENO, STDERR_FILENO);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, receiver.c_str(), actions.get(), nullptr, argv.data(), environ) != 0) {
-    throw std::runtime_error("TlsTestEnv: cannot start " + receiver);
-  }
-  pid_ = pid;
-
-  auto deadline = std::chrono::steady_clock::now() + kStartLimit;
-  while (!ReadPort(portFile, port_)) {
+  bool exited = false;
+  const bool listening = PollFor(std::chrono::seconds(30), [&] {
+    long value = 0;
+    if (std::ifstream(portFile) >> value && value > 0 && value <= 65535) return port_ = static_cast<unsigned short>(value), true;
     int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      throw std::runtime_error("TlsTestEnv: receiver exited at start:\n" + TempDir::Read(logFile));
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      Stop();
-      throw std::runtime_error("TlsTestEnv: receiver did not start listening:\n" + TempDir::Read(logFile));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return exited = waitpid(pid_, &status, WNOHANG) == pid_;
+  });
+  if (exited) pid_ = -1;
+  if (!listening || exited) {
+    Stop();
+    Fail(std::string(exited ? "receiver exited at start:\n" : "receiver did not start listening:\n") +
+         TempDir::Read(logFile));
   }
 }
 
 void TlsTestEnv::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
-  auto deadline = std::chrono::steady_clock::now() + kStopLimit;
   int status = 0;
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!PollFor(std::chrono::seconds(10), [&] { return waitpid(pid_, &status, WNOHANG) != 0; })) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
   }
   pid_ = -1;
   port_ = 0;
@@ -213,28 +150,22 @@ void TlsTestEnv::MapHosts() {
 
 void TlsTestEnv::Control(const std::string& command) const {
   // The receiver is our own child; its certificate is not what is under test here.
-  SslCtxPtr ctx(SSL_CTX_new(TLS_client_method()));
-  if (!ctx) Fail("SSL_CTX_new");
-  SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_NONE, nullptr);
-  BioPtr bio(BIO_new_ssl_connect(ctx.get()));
-  if (!bio) Fail("BIO_new_ssl_connect");
+  std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  std::unique_ptr<BIO, decltype(&BIO_free_all)> bio(ctx ? BIO_new_ssl_connect(ctx.get()) : nullptr, BIO_free_all);
   const std::string address = "127.0.0.1:" + std::to_string(port_);
-  BIO_set_conn_hostname(bio.get(), address.c_str());
-  if (BIO_do_connect(bio.get()) <= 0) Fail("cannot reach the receiver at " + address);
-  const std::string request =
-      "POST /control HTTP/1.1\r\nHost: " + address +
-      "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " + std::to_string(command.size()) +
-      "\r\n\r\n" + command;
+  if (!bio || BIO_set_conn_hostname(bio.get(), address.c_str()) <= 0 || BIO_do_connect(bio.get()) <= 0) {
+    Fail("cannot reach the receiver at " + address);
+  }
+  const std::string request = "POST /control HTTP/1.1\r\nHost: " + address +
+                              "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
+                              std::to_string(command.size()) + "\r\n\r\n" + command;
   if (BIO_write(bio.get(), request.data(), static_cast<int>(request.size())) != static_cast<int>(request.size())) {
     Fail("cannot send a command to the receiver");
   }
   std::string answer;
   char buffer[1024];
-  int n;
-  while ((n = BIO_read(bio.get(), buffer, sizeof buffer)) > 0) answer.append(buffer, static_cast<size_t>(n));
-  if (answer.compare(0, 12, "HTTP/1.1 200") != 0) {
-    throw std::runtime_error("TlsTestEnv: receiver refused '" + command + "': " + answer);
-  }
+  for (int n; (n = BIO_read(bio.get(), buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
+  if (answer.compare(0, 12, "HTTP/1.1 200") != 0) Fail("receiver refused '" + command + "': " + answer);
 }
 
 void TlsTestEnv::RespondStatus(int status, int count) {
@@ -253,28 +184,18 @@ void TlsTestEnv::Trickle(long intervalMs, size_t length, int count) {
 void TlsTestEnv::ResetBehaviour() { Control("reset"); }
 
 std::vector<ReceivedPost> TlsTestEnv::Posts() const {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, DirClose> dir(opendir(storeDir_.c_str()));
-  while (dir) {
-    dirent* entry = readdir(dir.get());
-    if (entry == nullptr) break;
-    std::string name = entry->d_name;
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".bin") == 0) names.push_back(name);
+  std::vector<std::string> bases;  // "post-NNNNNN", sorted by arrival
+  for (const auto& entry : std::filesystem::directory_iterator(storeDir_)) {
+    if (entry.path().extension() == ".bin") bases.push_back(entry.path().parent_path() / entry.path().stem());
   }
-  std::sort(names.begin(), names.end());
-  std::vector<ReceivedPost> posts;
-  for (const std::string& name : names) {
-    ReceivedPost post;
-    const std::string base = storeDir_ + "/" + name.substr(0, name.size() - 4);
-    post.body = TempDir::Read(base + ".bin");
-    std::ifstream meta(base + ".meta");
+  std::sort(bases.begin(), bases.end());
+  std::vector<ReceivedPost> posts(bases.size());
+  for (size_t i = 0; i < bases.size(); ++i) {
+    posts[i].body = TempDir::Read(bases[i] + ".bin");
+    std::ifstream meta(bases[i] + ".meta");
     for (std::string line; std::getline(meta, line);) {
-      if (line.compare(0, 5, "zip: ") == 0) {
-        post.hasZip = true;
-        post.zip = line.substr(5);
-      }
+      if (line.compare(0, 5, "zip: ") == 0) posts[i].hasZip = true, posts[i].zip = line.substr(5);
     }
-    posts.push_back(std::move(post));
   }
   return posts;
 }

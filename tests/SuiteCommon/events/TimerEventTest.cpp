@@ -45,8 +45,7 @@ class RuntimeEvents : public ::testing::Test {
   }
   std::pair<long, unsigned int> Wait() {  // TimeToExpired's result and wait, the wait starting at 12345
     unsigned int wait = 12345;
-    const long rc = timers.TimeToExpired(wait);
-    return {rc, wait};
+    return {timers.TimeToExpired(wait), wait};
   }
   Ids Pass() {  // one CheckExpired pass: every timer fired so far
     EXPECT_EQ(timers.CheckExpired(), 0);
@@ -153,16 +152,12 @@ TEST_F(RuntimeEvents, SignalsAreDeliveredByTypeAndOrder) {
 
 TEST_F(RuntimeEvents, ConstructionFailuresLeaveObjectsDetached) {
   CEventList list;
-  long err = 0;
-  CCEvent noList(err, nullptr, EVENT_TYPE_AUTO_RESET, &cb, nullptr, 1, 0, -1, nullptr);
-  EXPECT_EQ(err, EVT_E_INVALIDARG);
+  long err[3] = {0, 0, 0};
+  CCEvent noList(err[0], nullptr, EVENT_TYPE_AUTO_RESET, &cb, nullptr, 1, 0, -1, nullptr);
+  CCEvent badType(err[1], &list, 2, &cb, nullptr, 1, 0, -1, nullptr);
+  CTimer noCallback(err[2], &timers, nullptr, nullptr, 1);
+  EXPECT_EQ(std::vector<long>(err, err + 3), std::vector<long>(3, EVT_E_INVALIDARG));
   EXPECT_EQ(noList.SetEvent(false), EVT_E_NOT_ATTACHED);
-  err = 0;
-  CCEvent badType(err, &list, 2, &cb, nullptr, 1, 0, -1, nullptr);
-  EXPECT_EQ(err, EVT_E_INVALIDARG);
-  err = 0;
-  CTimer noCallback(err, &timers, nullptr, nullptr, 1);
-  EXPECT_EQ(err, EVT_E_INVALIDARG);
   EXPECT_EQ(noCallback.StartTimer(10), EVT_E_NOT_ATTACHED);
 }
 

@@ -31,11 +31,10 @@ using Clock = std::chrono::steady_clock;
 // A resolver that hangs: names under kHangingDomain are held in getaddrinfo (which libcurl's resolver thread
 // calls) until released, then not found; every other name goes to the C library.
 constexpr const char kHangingDomain[] = ".hang.velmar.example";
-struct HangingResolver {
+struct {
   std::mutex mutex;
   std::condition_variable changed;
-  int entered = 0;
-  int releases = 0;  // a lookup held ends when this changes
+  int entered = 0, releases = 0;  // a lookup held ends when `releases` changes
 } g_resolver;
 
 }  // namespace
@@ -43,17 +42,15 @@ struct HangingResolver {
 // Visible, so that it stands in for the C library's in libcurl too.
 extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node, const char* service,
                                                                   const addrinfo* hints, addrinfo** result) {
-  const std::string name = node != nullptr ? node : "";
-  const size_t suffix = sizeof kHangingDomain - 1;
-  if (name.size() > suffix && name.compare(name.size() - suffix, suffix, kHangingDomain) == 0) {
+  const std::string name = node != nullptr ? node : "", suffix = kHangingDomain;
+  if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
     std::unique_lock<std::mutex> lock(g_resolver.mutex);
     ++g_resolver.entered;
     const int releases = g_resolver.releases;
     g_resolver.changed.wait_for(lock, std::chrono::seconds(30), [&] { return g_resolver.releases != releases; });
     return EAI_NONAME;
   }
-  using Getaddrinfo = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
-  static const auto next = reinterpret_cast<Getaddrinfo>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   return next(node, service, hints, result);
 }
 
@@ -91,33 +88,25 @@ Exchange PostOnce(CHttpSessionCurl& session, const std::string& url, const std::
   return x;
 }
 
-// A loopback port that refuses connections, or whose listener never accepts them: with its queue full a
-// connection attempt gets no answer at all; otherwise the kernel makes the connection and nothing is said.
-class LoopbackPort {
- public:
+// A loopback port that refuses connections (no listener), leaves them unanswered (a listener whose queue is
+// full) or lets the kernel make them and then says nothing (a listener that never accepts).
+struct LoopbackPort {
   enum EKind { eRefused, eUnanswered, eSpeechless };
-  explicit LoopbackPort(EKind kind) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0), filler = socket(AF_INET, SOCK_STREAM, 0);
+  unsigned short port = 0;
+  explicit LoopbackPort(EKind kind) {
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    if (kind != eRefused) listen(fd_, kind == eUnanswered ? 0 : 16);
-    if (kind == eUnanswered) {
-      filler_ = socket(AF_INET, SOCK_STREAM, 0);
-      connect(filler_, reinterpret_cast<sockaddr*>(&address), length);
-    }
+    bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    if (kind != eRefused) listen(fd, kind == eUnanswered ? 0 : 16);
+    if (kind == eUnanswered) connect(filler, reinterpret_cast<sockaddr*>(&address), length);
   }
   ~LoopbackPort() {
-    if (filler_ >= 0) close(filler_);
-    close(fd_);
+    close(filler);
+    close(fd);
   }
-  unsigned short Port() const { return port_; }
-
- private:
-  int fd_;
-  int filler_ = -1;
-  unsigned short port_ = 0;
 };
 
 // A certificate callback that checks the chain with the certificate helper, as the product's does, and notes
@@ -199,7 +188,7 @@ TEST_F(HttpSession, RedirectIsARefusalAndTheUrlsOwnPortWins) {
   TlsTestEnv env;
   LoopbackPort refused(LoopbackPort::eRefused);
   SuiteRuntime::SetConnectTo({"feedback.velmar.example:8443:127.0.0.1:" + std::to_string(env.Port()),
-                              "feedback.velmar.example:443:127.0.0.1:" + std::to_string(refused.Port())});
+                              "feedback.velmar.example:443:127.0.0.1:" + std::to_string(refused.port)});
   auto session = MakeSession(nullptr, nullptr, 8443);
   env.RespondStatus(302);
   Exchange x = PostOnce(*session, kUrl, "data=x");
@@ -237,8 +226,8 @@ TEST_F(HttpSession, StopAndTimeLimitEndARequestInEveryPhase) {
     std::function<bool()> reached;  // the request is in the phase (or one that never ends before it)
   } rows[] = {
       {"name lookup", "https://feedback.hang.velmar.example/cef/submit", receiverMap, [] {}, small, lookupStarted},
-      {"connect", kUrl, leadTo(unanswered.Port()), [] {}, small, [] { return true; }},
-      {"handshake", kUrl, leadTo(speechless.Port()), [] {}, small, [] { return true; }},
+      {"connect", kUrl, leadTo(unanswered.port), [] {}, small, [] { return true; }},
+      {"handshake", kUrl, leadTo(speechless.port), [] {}, small, [] { return true; }},
       {"send", kUrl, receiverMap, [&] { env.Hang(); }, big, handshakeDone},
       {"answer", kUrl, receiverMap, [&] { env.Trickle(200, 100000); }, small, handshakeDone},
   };
@@ -283,24 +272,10 @@ TEST_F(HttpSession, StopAndTimeLimitEndARequestInEveryPhase) {
   }
 }
 
-// A stop between open and send is not forgotten, and it is for good; the opener's own close ends only its
-// request.
-TEST_F(HttpSession, AStopSticksTheOpenersCloseDoesNot) {
+// Misuse is reported, not sent. A stop between open and send is not forgotten, and it is for good; the
+// opener's own close ends only its request.
+TEST_F(HttpSession, MisuseIsReportedAndAStopSticksTheOpenersCloseDoesNot) {
   TlsTestEnv env;
-  auto session = MakeSession();
-  EXPECT_EQ(PostOnce(*session, kUrl, "data=1").send, 0);
-  EXPECT_EQ(PostOnce(*session, kUrl, "data=2").send, 0);
-  ASSERT_EQ(session->OpenRequest(kUrl, kPost, 0, 1, false), 0);
-  std::thread([&session] { EXPECT_EQ(session->CloseRequest(), 0); }).join();
-  unsigned long detail = 0, n = 0;
-  char buffer[8];
-  EXPECT_EQ(session->SendRequest(detail, 1, "data=late", 9, 0), HTTP_E_ABORTED);
-  EXPECT_EQ(session->ReadResponse(buffer, sizeof buffer, n), HTTP_E_ABORTED);
-  EXPECT_EQ(session->OpenRequest(kUrl, kPost, 0, 1, false), HTTP_E_ABORTED);
-  EXPECT_EQ(env.Posts().size(), 2u);
-}
-
-TEST_F(HttpSession, MisuseIsReportedNotSent) {
   auto session = MakeSession();
   unsigned long detail = 0, n = 0;
   char buffer[8];
@@ -312,4 +287,14 @@ TEST_F(HttpSession, MisuseIsReportedNotSent) {
   EXPECT_EQ(session->AddRequestHeader("Zip", "a\r\nInjected: 1"), HTTP_E_INVALID_ARGUMENT);
   EXPECT_EQ(session->ReadResponse(buffer, sizeof buffer, n), HTTP_E_NO_RESPONSE);
   EXPECT_EQ(session->SendRequest(detail, 1, nullptr, 5, 0), HTTP_E_INVALID_ARGUMENT);
+  EXPECT_EQ(session->CloseRequest(), 0);
+
+  EXPECT_EQ(PostOnce(*session, kUrl, "data=1").send, 0);
+  EXPECT_EQ(PostOnce(*session, kUrl, "data=2").send, 0);
+  ASSERT_EQ(session->OpenRequest(kUrl, kPost, 0, 1, false), 0);
+  std::thread([&session] { EXPECT_EQ(session->CloseRequest(), 0); }).join();
+  EXPECT_EQ(session->SendRequest(detail, 1, "data=late", 9, 0), HTTP_E_ABORTED);
+  EXPECT_EQ(session->ReadResponse(buffer, sizeof buffer, n), HTTP_E_ABORTED);
+  EXPECT_EQ(session->OpenRequest(kUrl, kPost, 0, 1, false), HTTP_E_ABORTED);
+  EXPECT_EQ(env.Posts().size(), 2u);
 }
