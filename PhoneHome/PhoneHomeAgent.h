@@ -138,4 +138,10 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   bool CreateTimer(CTimer*& timer, CExecutionContext& context, unsigned long timerId, const char* name,
                    const unsigned int* ms);
   bool RunLoop(CExecutionContext& context);
+
+  // Schedule: the settings query and first post pass five minutes after a start.
+  void OnStarterTimer();
+  // One post attempt at `url` with an uploader of its own: 0 when the server took it, else the code. `posted`
+  // is false when nothing was sent: the uploader could not be made or a stop came first.
+  long PostToServer(const std::string& url, const char* data, int length, bool& posted);
 };
