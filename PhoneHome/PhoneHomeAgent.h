@@ -94,7 +94,14 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   bool PostDataFile(const std::string& path);
   bool ScanAndPostFile(unsigned int retrySeconds);
 
-  CBencodeList payload{false};
+  // A plain list never frees the stream it is bound to; the payload, bound to each feedback file it writes,
+  // frees its one stream with the agent.
+  class CPayloadList : public CBencodeList {
+   public:
+    CPayloadList() : CBencodeList(false) {}
+    ~CPayloadList() override { delete m_pStream; }
+  };
+  CPayloadList payload;
   CBencodeDictionary* qualityDict = nullptr;  // inside payload; re-pointed by every payload build
   CCEvent* wakeupEvent = nullptr;
   CTimer* starterTimer = nullptr;   // "Phone Home starter", id 2
