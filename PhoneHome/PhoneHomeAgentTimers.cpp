@@ -35,7 +35,7 @@ void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
       OnFeedbackTimer();
       break;
     case kCrashTimerId:
-      // The crash check itself lands with the reports; the timer keeps its period meanwhile.
+      CheckCrashDumps();
       RearmTimer(crashTimer, crashCheckInterval);
       break;
     case kStarterTimerId:
@@ -99,7 +99,13 @@ void CPhoneHomeAgent::OnFeedbackTimer() {
   }
   // The skeleton is rebuilt only while a DNS hash is known; this coupling is deliberate.
   if (!dnsHash.empty()) InitPhoneHomePayload();
-  // The collection pass, which may re-arm this timer itself with a short wait, lands with the feedback cycle.
+  bool waiting = false;
+  if (!CollectPhoneHomeDataAndSend(waiting)) {
+    CAppLog::LogDebugMessage("OnTimerExpired", kUnit, __LINE__, APPLOG_ERROR,
+                             "Failed to collect phoneHome data from modules");
+  }
+  // A pass that waits for locked module files has re-armed this timer with its short wait already.
+  if (waiting) return;
   RearmTimer(feedbackTimer, feedbackInterval);
 }
 
