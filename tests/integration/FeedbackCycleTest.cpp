@@ -2,7 +2,10 @@
 // clock, its posts going over real TLS under the product's server names to a local receiver. One agent at a
 // time (execution context 3 is process-wide), as in the lifecycle suite.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -118,6 +121,8 @@ class Service {
     if (m_service != nullptr) m_plugin.dispose(m_service);
   }
   bool Ok() const { return m_service != nullptr; }
+  // The service's own answer, which a stop clears first thing.
+  bool Running() const { return m_service->IsPhoneHomeRunning() == 0; }
   void Stop() {
     m_stopAt = SteadyClock::now();
     m_service->StopPhoneHome();
@@ -351,7 +356,10 @@ TEST_F(FeedbackCycle, AStopDuringAPostEndsTheLoopAndKeepsTheFile) {
           capture(record);
           if (record.failingCall == "CFileUploader::SendHttpRequest" && !stopped.exchange(true)) {
             stopper = std::thread([&] { service.Stop(); });
-            std::this_thread::sleep_for(500ms);
+            // The stop clears the running answer, then aborts and sets the flag a few instructions later.
+            const auto until = SteadyClock::now() + kBound;
+            while (service.Running() && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
+            std::this_thread::sleep_for(100ms);
             resumed = SteadyClock::now();
           }
         });
@@ -379,5 +387,57 @@ TEST_F(FeedbackCycle, AStopDuringAPostEndsTheLoopAndKeepsTheFile) {
     ASSERT_EQ(m_env.Posts().size(), postsBefore + 1);
     EXPECT_EQ(m_env.Posts().back().body, "d4:keepi1ee");
     EXPECT_TRUE(Outbound().empty());
+  }
+}
+
+// A module's writer holding its file's lock through a real cycle: the pass comes back every 20 s, four times,
+// then writes and posts the file without that module.
+TEST_F(FeedbackCycle, LockedModuleFilesAreWaitedForFourTimesThenLeftOut) {
+  m_host.files = {{"AccessPhoneHomeFile", (kModuleDir / "access.cef").string()},
+                  {"FlowPhoneHomeFile", (kModuleDir / "flow.cef").string()}};
+  WriteFile(kModuleDir / "access.cef", "d1:ai1ee");
+  WriteFile(kModuleDir / "flow.cef", "d1:fi1ee");
+  const int writer = open((kModuleDir / "flow.cef").c_str(), O_RDONLY);
+  ASSERT_EQ(flock(writer, LOCK_EX), 0);
+  Service service(m_plugin, m_host);
+  for (uint32_t pass = 0; pass < 5; ++pass) {
+    ASSERT_TRUE(RunTo(kFirstFeedbackAt + 20 * pass - 1)) << m_log.Dump();
+    EXPECT_EQ(m_log.Count("Failed to internalize FlowModule Module data"), pass);
+    ASSERT_TRUE(RunTo(kFirstFeedbackAt + 20 * pass)) << m_log.Dump();
+    EXPECT_FALSE(fs::exists(kModuleDir / "access.cef"));  // taken at the first pass, waiting in the payload
+    EXPECT_EQ(m_env.Posts().size(), pass == 4 ? 1u : 0u);
+  }
+  close(writer);
+  EXPECT_EQ(m_log.Count("Failed to collect phoneHome data from all the components"), 1u) << m_log.Dump();
+  const std::string body = m_env.Posts().back().body;
+  EXPECT_NE(body.find("10:ModuleDatad12:AccessModuled1:ai1eee9:OSDetails"), std::string::npos) << body;
+  EXPECT_TRUE(fs::exists(kModuleDir / "flow.cef"));
+  ASSERT_TRUE(RunTo(kFirstFeedbackAt + kInterval - 1));  // the cycle is over: no pass before the next interval
+  EXPECT_EQ(m_env.Posts().size(), 1u);
+}
+
+// The sequence number goes on across a restart through the history; a saved 100 (the number after
+// feedback_data99.cef) is not taken back, so the next file is feedback_data1.cef. Posts are refused
+// throughout, so the files stay to be seen.
+TEST_F(FeedbackCycle, ARestartGoesOnWithTheSequenceNumberOfTheHistory) {
+  const struct {
+    const char *history, *first, *saved, *second;
+  } rows[] = {{"", "feedback_data1.cef", "2", "feedback_data2.cef"},
+              {"last_sequence_number:99\n", "feedback_data99.cef", "100", "feedback_data1.cef"}};
+  m_env.RespondStatus(503, 1000);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first);
+    fs::remove_all(kFeedbackDir);
+    SuiteClock::UseSimulated(kStart);
+    m_log.Clear();
+    WriteFile(kFeedbackDir / "history", row.history);
+    for (const uint32_t cycleAt : {kFirstFeedbackAt, kFirstFeedbackAt + kInterval}) {
+      Service service(m_plugin, m_host);
+      ASSERT_TRUE(RunTo(cycleAt)) << m_log.Dump();
+    }
+    std::vector<std::string> expected = {row.first, row.second};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(Outbound(), expected);
+    EXPECT_EQ(m_log.Count("Illegal sequence number, using default value (1)"), *row.history ? 1u : 0u);
   }
 }
