@@ -399,6 +399,7 @@ TEST_F(FeedbackCycle, LockedModuleFilesAreWaitedForFourTimesThenLeftOut) {
   WriteFile(kModuleDir / "flow.cef", "d1:fi1ee");
   const int writer = open((kModuleDir / "flow.cef").c_str(), O_RDONLY);
   ASSERT_EQ(flock(writer, LOCK_EX), 0);
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart));  // before the loop starts, or simulated time runs on unheld
   Service service(m_plugin, m_host);
   for (uint32_t pass = 0; pass < 5; ++pass) {
     ASSERT_TRUE(RunTo(kFirstFeedbackAt + 20 * pass - 1)) << m_log.Dump();
@@ -432,6 +433,7 @@ TEST_F(FeedbackCycle, ARestartGoesOnWithTheSequenceNumberOfTheHistory) {
     m_log.Clear();
     WriteFile(kFeedbackDir / "history", row.history);
     for (const uint32_t cycleAt : {kFirstFeedbackAt, kFirstFeedbackAt + kInterval}) {
+      ASSERT_TRUE(SuiteClock::HoldAt(GetCurrentTimeSeconds()));
       Service service(m_plugin, m_host);
       ASSERT_TRUE(RunTo(cycleAt)) << m_log.Dump();
     }
