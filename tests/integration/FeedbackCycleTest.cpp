@@ -204,6 +204,7 @@ TEST_F(FeedbackCycle, FreshInstallFirstAndNextCycle) {
       m_host.files[module[1]] = file.string();
     }
     {
+      ASSERT_TRUE(SuiteClock::HoldAt(kStart));  // held before the loop starts
       Service service(m_plugin, m_host);
       ASSERT_TRUE(service.Ok());
       ASSERT_TRUE(RunTo(kSettingsAt)) << m_log.Dump();
@@ -272,6 +273,7 @@ TEST_F(FeedbackCycle, StarterPostsLeftoversToTheSecondaryWhenThePrimaryRefuses) 
     const size_t postsBefore = m_env.Posts().size();
     WriteFile(kOutbound / "feedback_data7.cef", "d4:leftie");
     m_env.RespondStatus(503, row.refusals);
+    ASSERT_TRUE(SuiteClock::HoldAt(kStart));  // held before the loop starts
     Service service(m_plugin, m_host);
     ASSERT_TRUE(RunTo(kSettingsAt)) << m_log.Dump();
     const std::vector<ReceivedPost> posts = m_env.Posts();
@@ -291,6 +293,7 @@ TEST_F(FeedbackCycle, StarterPostsLeftoversToTheSecondaryWhenThePrimaryRefuses) 
 TEST_F(FeedbackCycle, RefusedPostsAreRetriedFourTimesThenTheNextCyclePostsTheBacklog) {
   const size_t postsBefore = m_env.Posts().size();
   m_env.RespondStatus(503, 10);  // two servers, five passes
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart));  // held before the loop starts
   Service service(m_plugin, m_host);
   ASSERT_TRUE(RunTo(kFirstFeedbackAt)) << m_log.Dump();
   EXPECT_EQ(CountStarting(kBothFailed), 1u) << m_log.Dump();
