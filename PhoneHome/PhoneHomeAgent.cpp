@@ -244,8 +244,10 @@ bool CPhoneHomeAgent::Stop() {
     // The loop thread creates and deletes the uploader under the same guard, so this one is still alive.
     std::lock_guard<std::mutex> guard(uploaderGuard);
     if (uploader != nullptr) uploader->TerminateSession();
+    // Set under the guard too: a post that makes its uploader after this reads the flag there and never
+    // starts, and one made before was aborted just now.
+    stopRequested = true;
   }
-  stopRequested = true;
   CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_INFO, "Send stop event to PhoneHome agent");
   if (wakeupEvent == nullptr || wakeupEvent->SetEvent(false) != 0) {
     CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "SetEvent Failed");

@@ -94,7 +94,14 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   bool PostDataFile(const std::string& path);
   bool ScanAndPostFile(unsigned int retrySeconds);
 
-  CBencodeList payload{false};
+  // A plain list never frees the stream it is bound to; the payload, bound to each feedback file it writes,
+  // frees its one stream with the agent.
+  class CPayloadList : public CBencodeList {
+   public:
+    CPayloadList() : CBencodeList(false) {}
+    ~CPayloadList() override { delete m_pStream; }
+  };
+  CPayloadList payload;
   CBencodeDictionary* qualityDict = nullptr;  // inside payload; re-pointed by every payload build
   CCEvent* wakeupEvent = nullptr;
   CTimer* starterTimer = nullptr;   // "Phone Home starter", id 2
@@ -138,4 +145,10 @@ class OVF_API CPhoneHomeAgent : public ITimerCB, public IEventCB {
   bool CreateTimer(CTimer*& timer, CExecutionContext& context, unsigned long timerId, const char* name,
                    const unsigned int* ms);
   bool RunLoop(CExecutionContext& context);
+
+  // Schedule: the settings query and first post pass five minutes after a start.
+  void OnStarterTimer();
+  // One post attempt at `url` with an uploader of its own: 0 when the server took it, else the code. `posted`
+  // is false when nothing was sent: the uploader could not be made or a stop came first.
+  long PostToServer(const std::string& url, const char* data, int length, bool& posted);
 };

@@ -7,13 +7,18 @@
 
 #include "AppLog.h"
 #include "Clock.h"
+#include "IPhoneHomePluginCB.h"
+#include "PhoneHome/BencodeSettings.h"
 #include "PhoneHome/PhoneHomeAgent.h"
+#include "PhoneHome/PhoneHomePluginImp.h"
+#include "SystemCodes.h"
 
 namespace {
 
 const char kUnit[] = "PhoneHomeAgent";
 // The first run after a start never comes sooner than this, however little of the interval is left.
 const int32_t kMinimumFirstDelaySeconds = 600;
+const unsigned int kRetrySeconds = 1800;
 
 enum : unsigned long {
   kStarterTimerId = 2,
@@ -30,16 +35,50 @@ void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
       OnFeedbackTimer();
       break;
     case kCrashTimerId:
-      // The crash check itself lands with the reports; the timer keeps its period meanwhile.
+      CheckCrashDumps();
       RearmTimer(crashTimer, crashCheckInterval);
       break;
     case kStarterTimerId:
-    case kRetryTimerId:
-      // The settings query and the post passes land with the feedback cycle.
+      OnStarterTimer();
       break;
+    case kRetryTimerId: {
+      // Each expiry spends one unit and may arm the next retry; with none left, a last attempt that arms
+      // nothing. A server that keeps failing thus sees the first attempt and four retries.
+      unsigned int nextRetrySeconds = 0;
+      if (retryCount > 0) {
+        --retryCount;
+        nextRetrySeconds = kRetrySeconds;
+      }
+      if (!ScanAndPostFile(nextRetrySeconds)) {
+        CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "ScanAndPostFile failed");
+      }
+      break;
+    }
     default:
       CAppLog::LogDebugMessage(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "Unexpected timer");
       break;
+  }
+}
+
+void CPhoneHomeAgent::OnStarterTimer() {
+  // The host's modules name their data files and dump patterns through this view of the agent's dictionary.
+  CBencodeSettings settings(moduleSettings);
+  IPhoneHomePluginCB* callback = owner.GetPhoneHomePluginCB();
+  long rc = SYS_E_INVALIDARG;  // a host that unset its callback has no settings to give
+  if (callback != nullptr) {
+    try {
+      rc = callback->GetSettingsCB(&settings);
+    } catch (...) {
+      rc = SYS_E_SYSTEM;
+    }
+  }
+  if (rc != 0) {
+    CAppLog::LogReturnCode("OnTimerExpired", kUnit, __LINE__, APPLOG_ERROR, "GetSettingsCB", rc,
+                           "Failed to retrieve PhoneHome settings from modules");
+  }
+  // Leftovers of an earlier run go once; a failure waits for the next cycle rather than a retry.
+  if (!ScanAndPostFile(0)) {
+    CAppLog::LogDebugMessage("OnTimerExpired", kUnit, __LINE__, APPLOG_ERROR, "ScanAndPostFile failed");
   }
 }
 
@@ -60,14 +99,20 @@ void CPhoneHomeAgent::OnFeedbackTimer() {
   }
   // The skeleton is rebuilt only while a DNS hash is known; this coupling is deliberate.
   if (!dnsHash.empty()) InitPhoneHomePayload();
-  // The collection pass, which may re-arm this timer itself with a short wait, lands with the feedback cycle.
+  bool waiting = false;
+  if (!CollectPhoneHomeDataAndSend(waiting)) {
+    CAppLog::LogDebugMessage("OnTimerExpired", kUnit, __LINE__, APPLOG_ERROR,
+                             "Failed to collect phoneHome data from modules");
+  }
+  // A pass that waits for locked module files has re-armed this timer with its short wait already.
+  if (waiting) return;
   RearmTimer(feedbackTimer, feedbackInterval);
 }
 
 void CPhoneHomeAgent::RearmTimer(CTimer* timer, unsigned int intervalSeconds) {
   // Seconds become milliseconds in 32-bit arithmetic, as every interval of the schedule does.
   const long err = timer->StartTimer(intervalSeconds * 1000u);
-  if (err != 0) CAppLog::LogReturnCode(__FUNCTION__, kUnit, __LINE__, APPLOG_ERROR, "CTimer::StartTimer", err);
+  if (err != 0) CAppLog::LogReturnCode("OnTimerExpired", kUnit, __LINE__, APPLOG_ERROR, "CTimer::StartTimer", err);
 }
 
 unsigned int CPhoneHomeAgent::CalcRemainingSeconds(const char* historyKey, unsigned int interval) {

@@ -1,6 +1,7 @@
-// How the feedback service behaves when idle, loaded with dlopen as a host loads it: how often its loop wakes
-// over months of simulated time, and how long a host waits for StopPhoneHome to return and for the thread in
-// StartPhoneHome to come back. bench/README.md says how to read the figures.
+// How the feedback service behaves, loaded with dlopen as a host loads it: how often its loop wakes over
+// months of idle simulated time, how long a simulated year of feedback cycles takes in real time, and how long
+// a host waits for StopPhoneHome to return and for the thread in StartPhoneHome to come back, from an idle loop
+// and from a post that the server holds. bench/README.md says how to read the figures.
 #include <dlfcn.h>
 
 #include <benchmark/benchmark.h>
@@ -10,10 +11,15 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
 #include <thread>
 
 #include "AppLog.h"
 #include "BuildConfig.h"
+#include "RuntimeConfig.h"
+#include "TlsTestEnv.h"
 #include "Clock.h"
 #include "ExecutionContext.h"
 #include "IPhoneHomePlugin.h"
@@ -100,6 +106,7 @@ void IdleLoopPasses(benchmark::State& state) {
   const uint32_t days = static_cast<uint32_t>(state.range(0));
   uint64_t passes = 0;
   for (auto _ : state) {
+    TlsTestEnv receiver;  // takes each cycle's post, so no retry wakes the loop
     SuiteClock::UseSimulated(kStart);
     SuiteClock::HoldAt(kStart + days * kDay);
     RunningService service;
@@ -153,8 +160,94 @@ void StopFromIdle(benchmark::State& state) {
   state.counters["start_returns_max_us"] = returnMax * 1e6;
 }
 
+// Real time for a year of the schedule after a fresh start: the starter, then 12 feedback cycles 30 days apart,
+// each writing its feedback file and posting it. Arg 0: to the receiver over TLS, each post a connection and
+// handshake of its own. Arg 1: the feedback hosts lead to a local port where nothing listens, so every post
+// fails at connect and no TLS work is done at all; the schedule then also runs each cycle's four retry passes.
+void SimulatedYear(benchmark::State& state) {
+  const bool withTls = state.range(0) == 0;
+  const uint32_t lastCycle = kStart + 600 + 11 * 30 * kDay;
+  size_t posts = 0;
+  for (auto _ : state) {
+    TlsTestEnv receiver;
+    if (!withTls) SuiteRuntime::SetConnectTo({"feedback.velmar.example:443:127.0.0.1:1",
+                                              "feedback2.velmar.example:443:127.0.0.1:1"});
+    SuiteClock::UseSimulated(kStart);
+    SuiteClock::HoldAt(lastCycle + 3 * kDay);
+    const auto begin = SteadyClock::now();
+    RunningService service;
+    if (!service.Ok() || !SuiteClock::WaitUntilParked(std::chrono::minutes(5))) {
+      state.SkipWithError("the service did not reach the hold");
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(SteadyClock::now() - begin).count());
+    posts = receiver.Posts().size();
+  }
+  SuiteClock::UseRealTime();
+  state.counters["posts_received"] = static_cast<double>(posts);
+}
+
+// StopPhoneHome while the receiver holds a post: a leftover file is posted by the starter, the receiver takes
+// the connection and the handshake and then neither reads nor answers. Timed: StopPhoneHome's return (counter
+// stop_call_us) and StartPhoneHome's return (the iteration time, start_returns_*).
+void StopMidPost(benchmark::State& state) {
+  TlsTestEnv receiver;
+  std::mutex mutex;
+  bool handshakeDone = false;
+  CAppLog::SetSink([&](const LogRecord& record) {
+    // The module logs its certificate decision, with code 0, once the server is accepted.
+    if (record.failingCall == "CCertHelper::VerifyServerCertificate" && record.code == 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+      handshakeDone = true;
+    }
+  });
+  double stopTotal = 0, returnTotal = 0, returnMax = 0;
+  for (auto _ : state) {
+    SuiteClock::UseSimulated(kStart);
+    SuiteClock::HoldAt(kStart + 60);
+    RunningService service;
+    if (!service.Ok() || !SuiteClock::WaitUntilParked(std::chrono::minutes(1))) {
+      state.SkipWithError("the service did not reach the hold");
+      break;
+    }
+    std::ofstream(kFeedbackDir / "outbound" / "feedback_data1.cef", std::ios::binary) << std::string(4096, 'x');
+    receiver.Hang();
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      handshakeDone = false;
+    }
+    SuiteClock::HoldAt(kStart + 300);
+    const auto until = SteadyClock::now() + std::chrono::seconds(30);
+    for (;;) {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (handshakeDone) break;
+      }
+      if (SteadyClock::now() > until) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // Give the request time to be sent and held by the receiver.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    double stopSeconds = 0, returnSeconds = 0;
+    service.Stop(stopSeconds, returnSeconds);
+    state.SetIterationTime(returnSeconds);
+    stopTotal += stopSeconds;
+    returnTotal += returnSeconds;
+    if (returnSeconds > returnMax) returnMax = returnSeconds;
+    receiver.ResetBehaviour();
+  }
+  CAppLog::SetSink([](const LogRecord&) {});
+  SuiteClock::UseRealTime();
+  const double n = static_cast<double>(state.iterations());
+  state.counters["stop_call_us"] = n > 0 ? stopTotal / n * 1e6 : 0;
+  state.counters["start_returns_us"] = n > 0 ? returnTotal / n * 1e6 : 0;
+  state.counters["start_returns_max_us"] = returnMax * 1e6;
+}
+
 BENCHMARK(IdleLoopPasses)->Arg(90)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(StopFromIdle)->Arg(0)->Arg(1)->Iterations(50)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(SimulatedYear)->Arg(0)->Arg(1)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(StopMidPost)->Iterations(10)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -27,6 +27,7 @@
 #include "IPhoneHomePluginCB.h"
 #include "LogCapture.h"
 #include "Plugin.h"
+#include "TlsTestEnv.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -131,9 +132,11 @@ class PluginLifecycle : public ::testing::Test {
   }
   // Runs a service with the given history until it parks at `hold`; then checks the first expiry of "Phone
   // Home" is exactly `expiry`: at one second before, the next deadline is a second away, moving the hold onto
-  // it takes the loop through exactly one more pass, and that pass arms the next cycle.
+  // it takes the loop through exactly one more pass, and that pass arms the next cycle. The cycle's post goes
+  // to a receiver that takes it, so no retry is armed before the next cycle.
   void ExpectFirstFeedbackAt(const std::string& history, uint32_t expiry) {
     SCOPED_TRACE(history);
+    TlsTestEnv receiver;
     fs::remove_all(kFeedbackDir);
     SuiteClock::UseSimulated(kStart);
     if (!history.empty()) WriteFile(kFeedbackDir / "history", history);

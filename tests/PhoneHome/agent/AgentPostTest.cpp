@@ -1,0 +1,148 @@
+// Outbound posts through the agent itself to the local receiver over TLS: the body and "Zip" flag that arrive,
+// the size limit at its edge, and the walk of the outbound directory with its stop, failure and retry rules.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <zlib.h>
+
+#include <random>
+#include <string>
+
+#include "AgentUnderTest.h"
+#include "ExecutionContext.h"
+#include "LogCapture.h"
+#include "TempDir.h"
+#include "TlsTestEnv.h"
+
+namespace {
+
+class PostAgent : public AgentUnderTest {
+ public:
+  using AgentUnderTest::AgentUnderTest;
+  using CPhoneHomeAgent::compressPost;
+  using CPhoneHomeAgent::executionContext;
+  using CPhoneHomeAgent::PostDataFile;
+  using CPhoneHomeAgent::retryTimer;
+  using CPhoneHomeAgent::ScanAndPostFile;
+};
+
+std::string Unzip(const std::string& bytes, size_t size) {
+  std::string out(size, '\0');
+  uLongf length = size;
+  if (uncompress(reinterpret_cast<Bytef*>(&out[0]), &length, reinterpret_cast<const Bytef*>(bytes.data()),
+                 bytes.size()) != Z_OK) {
+    return "<not zlib>";
+  }
+  out.resize(length);
+  return out;
+}
+
+class AgentPost : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(m_err, 0);
+    a.outboundDir = m_dir.path() + "/out/";
+    mkdir(a.outboundDir.c_str(), 0755);
+    long err = 0;
+    a.retryTimer = new CTimer(err, a.executionContext->GetTimerList(), &a, nullptr, 5);
+  }
+  size_t Left() {
+    size_t n = 0;
+    for (const char* name : {"feedback_data1.cef", "feedback_data2.cef", "threat_report3.cef"}) {
+      n += TempDir::Exists(a.outboundDir + name) ? 1 : 0;
+    }
+    return n;
+  }
+  long long RetryDueMs() {
+    unsigned int ms = 0;
+    return a.executionContext->GetTimerList()->TimeToExpired(ms) == 0 ? static_cast<long long>(ms) : -1;
+  }
+
+  TlsTestEnv m_env;
+  TempDir m_dir;
+  LogCapture m_log;
+  long m_ownerErr = -1, m_err = -1;
+  CPhoneHomePlugin m_owner{m_ownerErr};
+  PostAgent a{m_err, m_owner};
+};
+
+}  // namespace
+
+TEST_F(AgentPost, BodyZipFlagAndSizeLimit) {
+  std::mt19937 random(7);
+  std::string noise(4096, '\0');
+  for (char& c : noise) c = static_cast<char>(random());
+  const std::string text(4096, 'a');
+  const std::string limit(16u << 20, 'x');
+  struct Row {
+    const char* name;
+    const std::string& file;
+    bool compress;
+    bool posted;
+    bool zipped;           // the posted body is zlib data of the file
+    const char* message;   // the one line the agent logs, if any
+  } rows[] = {
+      {"empty file", "", false, true, false, nullptr},
+      {"exactly 16 MiB", limit, false, true, false, nullptr},
+      {"16 MiB and one byte", limit + "x", false, false, false, "File size exceeds maximum size limit (16777216)"},
+      {"compressible", text, true, true, true, nullptr},
+      // Does not shrink: goes out as it is, still flagged "Zip", as servers have always been sent it.
+      {"incompressible", noise, true, true, false, "Can't compress feedback data"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    m_log.Clear();
+    const size_t before = m_env.Posts().size();
+    a.compressPost = row.compress;
+    EXPECT_EQ(a.PostDataFile(m_dir.Write("f.cef", row.file)), row.posted);
+    const auto posts = m_env.Posts();
+    ASSERT_EQ(posts.size(), before + (row.posted ? 1 : 0));
+    size_t agentLines = 0;
+    for (const LogRecord& r : m_log.Records()) agentLines += r.file == "PhoneHomeAgent" ? 1 : 0;
+    EXPECT_EQ(agentLines, row.message ? 1u : 0u) << m_log.Dump();
+    if (row.message) EXPECT_TRUE(m_log.Has(row.message)) << m_log.Dump();
+    if (!row.posted) continue;
+    EXPECT_EQ(row.zipped ? Unzip(posts.back().body, row.file.size()) : posts.back().body, row.file);
+    EXPECT_EQ(posts.back().hasZip, row.compress);
+    if (row.compress) EXPECT_EQ(posts.back().zip, "True");
+  }
+  m_log.Clear();
+  EXPECT_FALSE(a.PostDataFile(m_dir.File("missing.cef")));
+  EXPECT_TRUE(m_log.Has("Unable to open file (" + m_dir.File("missing.cef") + ")")) << m_log.Dump();
+}
+
+TEST_F(AgentPost, WalkStopsAtTheFirstFailureAndArmsTheRetryOnlyWhenAsked) {
+  for (const unsigned int retrySeconds : {0u, 1800u}) {
+    SCOPED_TRACE(retrySeconds);
+    m_log.Clear();
+    a.history.clear();
+    const size_t before = m_env.Posts().size();
+    for (const char* name : {"feedback_data1.cef", "feedback_data2.cef", "threat_report3.cef"}) {
+      m_dir.Write(std::string("out/") + name, name);
+    }
+    // The first file the walk meets is taken (answered 200 but not stored); both servers refuse the second.
+    m_env.RespondStatus(200);
+    m_env.RespondStatus(503, 2);
+    EXPECT_TRUE(a.ScanAndPostFile(retrySeconds));
+    EXPECT_EQ(Left(), 2u);
+    EXPECT_EQ(m_log.Count(" File posted to PhoneHome server"), 1u);
+    EXPECT_EQ(m_log.Count("post failed, give up this time."), retrySeconds == 0 ? 1u : 0u);
+    EXPECT_EQ(RetryDueMs(), retrySeconds == 0 ? -1 : 1800000);
+    EXPECT_FALSE(a.history["last_post"].empty());
+    // A stop ends the walk before the next file; the rest go when nothing is in the way.
+    a.stopRequested = true;
+    EXPECT_TRUE(a.ScanAndPostFile(0));
+    EXPECT_EQ(Left(), 2u);
+    a.stopRequested = false;
+    EXPECT_TRUE(a.ScanAndPostFile(0));
+    EXPECT_EQ(Left(), 0u);
+    EXPECT_EQ(m_env.Posts().size(), before + 2);
+    a.retryTimer->StopTimer();
+  }
+  m_log.Clear();
+  // An empty directory is a quiet pass; a missing one is the only false.
+  EXPECT_TRUE(a.ScanAndPostFile(1800));
+  EXPECT_TRUE(m_log.Records().empty()) << m_log.Dump();
+  a.outboundDir = m_dir.File("none/");
+  EXPECT_FALSE(a.ScanAndPostFile(0));
+  EXPECT_TRUE(m_log.Has("Can't read Customer Experience Feedback outbound directory " + a.outboundDir));
+}
