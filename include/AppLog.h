@@ -48,7 +48,8 @@ class SC_API CAppLog {
   static void LogMessage(unsigned int messageId, ...);
 
   // Replaces the sink for every later record; an empty sink restores the default (standard error).
-  // Returns the sink that was installed before.
+  // Returns the sink that was installed before. Records reach the sink one at a time, under the log's own lock,
+  // so that lines never interleave: a sink must not wait for another thread that may log meanwhile.
   static LogSink SetSink(LogSink sink);
   // Makes the default sink write to syslog under `ident` instead of standard error.
   static void UseSyslog(const char* ident);
