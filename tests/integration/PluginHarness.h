@@ -1,0 +1,196 @@
+// The plug-in driven as a host drives it: the shared library loaded with dlopen, its entry points found by name,
+// the service run by StartPhoneHome on a host thread of its own and stopped from another, all on the runtime's
+// held simulated clock.
+//
+// The suites link libsuitecommon.so, the same file the plug-in names, so the loader gives both one runtime: one
+// clock, one log sink, one set of execution contexts. Every agent in the process shares execution context 3 and
+// with it one event list and one timer list, which a single loop serves; a test therefore runs at most one agent
+// at a time, disposes of every feedback object before it ends, and checks that context 3 is gone afterwards, so
+// no agent of one test can run timers or take events of the next.
+#pragma once
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BuildConfig.h"
+#include "Clock.h"
+#include "ExecutionContext.h"
+#include "IBencodeSettings.h"
+#include "IComponentStatus.h"
+#include "IPhoneHomePlugin.h"
+#include "IPhoneHomePluginCB.h"
+#include "LogCapture.h"
+#include "Plugin.h"
+
+namespace harness {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using SteadyClock = std::chrono::steady_clock;
+
+inline const char kFeedbackId[] = "com.velmar.orvane.service.customer.feedback";
+inline const char kStatusId[] = "com.velmar.orvane.component.status";
+constexpr uint32_t kStart = 1700000000;
+constexpr uint32_t kDay = 86400;
+constexpr uint32_t kInterval = 30 * kDay;
+constexpr uint32_t kSettingsAt = kStart + 300;
+constexpr uint32_t kFirstFeedbackAt = kStart + 600;
+constexpr unsigned int kNotRunning = 0xFFFFFFFF;
+constexpr auto kBound = 30s;  // real time allowed for the loop to reach a hold
+
+inline const fs::path kFeedbackDir = fs::path(OVF_INSTALL_ROOT) / "CustomerExperienceFeedback";
+inline const fs::path kOutbound = kFeedbackDir / "outbound";
+inline const fs::path kModuleDir = kFeedbackDir / "moduledata";
+
+inline void WriteFile(const fs::path& path, const std::string& bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The names in the outbound directory, sorted.
+inline std::vector<std::string> Outbound() {
+  std::vector<std::string> names;
+  if (fs::exists(kOutbound)) {
+    for (const auto& entry : fs::directory_iterator(kOutbound)) names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The host's side of the settings query: every module's data-file path, as the modules would insert them.
+class HostCallback : public IPhoneHomePluginCB {
+ public:
+  long GetSettingsCB(IBencodeSettings* settings) override {
+    ++calls;
+    for (const auto& [key, path] : files) {
+      if (!settings->Insert(key.c_str(), path.c_str(), false)) return -1;
+    }
+    return 0;
+  }
+  std::map<std::string, std::string> files;
+  std::atomic<int> calls{0};
+};
+
+// The plug-in as a host holds it: the library handle and the three entry points.
+struct LoadedPlugin {
+  LoadedPlugin() : handle(dlopen(OVF_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL)) {
+    if (handle == nullptr) return;
+    create = reinterpret_cast<PFN_CreatePlugin>(dlsym(handle, "CreatePlugin"));
+    dispose = reinterpret_cast<PFN_DisposePlugin>(dlsym(handle, "DisposePlugin"));
+    list = reinterpret_cast<PFN_GetAvailableInterfaces>(dlsym(handle, "GetAvailableInterfaces"));
+    table = static_cast<const PluginInterface*>(dlsym(handle, "g_AvailableInterfaces"));
+  }
+  ~LoadedPlugin() {
+    if (handle != nullptr) dlclose(handle);
+  }
+  bool Ok() const { return create && dispose && list && table; }
+  void* handle;
+  PFN_CreatePlugin create = nullptr;
+  PFN_DisposePlugin dispose = nullptr;
+  PFN_GetAvailableInterfaces list = nullptr;
+  const PluginInterface* table = nullptr;
+};
+
+// One feedback object, disposed at the end; Start runs StartPhoneHome on a host thread of its own, which the
+// end stops and joins when it still runs.
+class Service {
+ public:
+  Service(LoadedPlugin& plugin, HostCallback* host = nullptr)
+      : m_plugin(plugin), m_service(static_cast<IPhoneHomePlugin*>(plugin.create(kFeedbackId))) {
+    if (m_service != nullptr && host != nullptr) {
+      EXPECT_EQ(m_service->SetPhoneHomePluginCB(host), 0);
+    }
+  }
+  ~Service() {
+    if (m_thread.joinable()) {
+      m_service->StopPhoneHome();
+      m_thread.join();
+    }
+    if (m_service != nullptr) {
+      EXPECT_TRUE(m_plugin.dispose(m_service));
+    }
+  }
+  bool Ok() const { return m_service != nullptr; }
+  IPhoneHomePlugin* operator->() const { return m_service; }
+  void Start() {
+    m_thread = std::thread([this] {
+      m_result = m_service->StartPhoneHome();
+      m_done = true;
+    });
+  }
+  void Stop() { EXPECT_EQ(m_service->StopPhoneHome(), 0); }
+  // Waits for at most `bound` of real time for StartPhoneHome to return; its result, or -1 when it did not.
+  long Returned(std::chrono::milliseconds bound) {
+    const auto until = SteadyClock::now() + bound;
+    while (!m_done && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
+    if (!m_done) return -1;
+    m_thread.join();
+    return m_result;
+  }
+  std::atomic<bool> m_done{false};
+
+ private:
+  LoadedPlugin& m_plugin;
+  IPhoneHomePlugin* m_service;
+  std::thread m_thread;
+  std::atomic<long> m_result{-1};
+};
+
+// The loop's context as a host may watch it: the timer list's next deadline and the event list's passes.
+struct LoopView {
+  LoopView() : context(CExecutionContext::acquireInstance(3)) {}
+  ~LoopView() {
+    if (context != nullptr) context->release();
+  }
+  // Milliseconds to the earliest armed timer, or -1 when none is armed.
+  long long NextExpiryMs() {
+    unsigned int ms = 0;
+    return context->GetTimerList()->TimeToExpired(ms) == 0 ? static_cast<long long>(ms) : -1;
+  }
+  uint64_t Passes() { return context->GetEventList()->GetWaitCount(); }
+  CExecutionContext* context;
+};
+
+// A clean install root and simulated time standing at kStart for every test, and for every row that calls Fresh.
+class PluginTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_plugin.Ok()) << dlerror();
+    Fresh();
+  }
+  void TearDown() override {
+    SuiteClock::UseRealTime();
+    CExecutionContext* left = CExecutionContext::acquireInstance(3);
+    EXPECT_EQ(left, nullptr) << "an agent outlived its test";
+    if (left != nullptr) left->release();
+    fs::remove_all(kFeedbackDir);
+  }
+  void Fresh() {
+    fs::remove_all(kFeedbackDir);
+    SuiteClock::UseSimulated(kStart);
+    m_log.Clear();
+  }
+  // Lets simulated time run to `moment` and waits until the loop is parked there.
+  bool RunTo(uint32_t moment) { return SuiteClock::HoldAt(moment) && SuiteClock::WaitUntilParked(kBound); }
+
+  LoadedPlugin m_plugin;
+  LogCapture m_log;  // every record of the test, kept off standard error
+  HostCallback m_host;
+};
+
+}  // namespace harness
