@@ -1,12 +1,7 @@
-// The plug-in driven as a host drives it: the shared library loaded with dlopen, its entry points found by name,
-// the service run by StartPhoneHome on a host thread of its own and stopped from another, all on the runtime's
-// held simulated clock.
-//
-// The suites link libsuitecommon.so, the same file the plug-in names, so the loader gives both one runtime: one
-// clock, one log sink, one set of execution contexts. Every agent in the process shares execution context 3 and
-// with it one event list and one timer list, which a single loop serves; a test therefore runs at most one agent
-// at a time, disposes of every feedback object before it ends, and checks that context 3 is gone afterwards, so
-// no agent of one test can run timers or take events of the next.
+// The plug-in as a host drives it: loaded with dlopen, the service run by StartPhoneHome on a host thread and
+// stopped from another, on the runtime's held simulated clock. The suites link the libsuitecommon.so the plug-in
+// names, so both share one clock, one log sink and execution context 3, whose one loop serves every agent: a test
+// runs one agent at a time and disposes of it before it ends, which TearDown checks.
 #pragma once
 
 #include <dlfcn.h>
@@ -62,7 +57,6 @@ inline std::string ReadFile(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The names in the outbound directory, sorted.
 inline std::vector<std::string> Outbound() {
   std::vector<std::string> names;
   if (fs::exists(kOutbound)) {
@@ -72,7 +66,7 @@ inline std::vector<std::string> Outbound() {
   return names;
 }
 
-// The host's side of the settings query: every module's data-file path, as the modules would insert them.
+// The host's side of the settings query: each module's data-file path, as the modules would insert them.
 class HostCallback : public IPhoneHomePluginCB {
  public:
   long GetSettingsCB(IBencodeSettings* settings) override {
@@ -86,7 +80,6 @@ class HostCallback : public IPhoneHomePluginCB {
   std::atomic<int> calls{0};
 };
 
-// The plug-in as a host holds it: the library handle and the three entry points.
 struct LoadedPlugin {
   LoadedPlugin() : handle(dlopen(OVF_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL)) {
     if (handle == nullptr) return;
@@ -106,8 +99,7 @@ struct LoadedPlugin {
   const PluginInterface* table = nullptr;
 };
 
-// One feedback object, disposed at the end; Start runs StartPhoneHome on a host thread of its own, which the
-// end stops and joins when it still runs.
+// One feedback object; Start runs StartPhoneHome on a host thread, which the end stops before disposing.
 class Service {
  public:
   Service(LoadedPlugin& plugin, HostCallback* host = nullptr)
@@ -134,7 +126,7 @@ class Service {
     });
   }
   void Stop() { EXPECT_EQ(m_service->StopPhoneHome(), 0); }
-  // Waits for at most `bound` of real time for StartPhoneHome to return; its result, or -1 when it did not.
+  // StartPhoneHome's result, or -1 when it does not return within `bound` of real time.
   long Returned(std::chrono::milliseconds bound) {
     const auto until = SteadyClock::now() + bound;
     while (!m_done && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
@@ -151,7 +143,7 @@ class Service {
   std::atomic<long> m_result{-1};
 };
 
-// The loop's context as a host may watch it: the timer list's next deadline and the event list's passes.
+// The loop's context as a host may watch it.
 struct LoopView {
   LoopView() : context(CExecutionContext::acquireInstance(3)) {}
   ~LoopView() {
@@ -166,7 +158,7 @@ struct LoopView {
   CExecutionContext* context;
 };
 
-// A clean install root and simulated time standing at kStart for every test, and for every row that calls Fresh.
+// A clean install root and simulated time at kStart for every test, and for every row that calls Fresh.
 class PluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -185,11 +177,10 @@ class PluginTest : public ::testing::Test {
     SuiteClock::UseSimulated(kStart);
     m_log.Clear();
   }
-  // Lets simulated time run to `moment` and waits until the loop is parked there.
   bool RunTo(uint32_t moment) { return SuiteClock::HoldAt(moment) && SuiteClock::WaitUntilParked(kBound); }
 
   LoadedPlugin m_plugin;
-  LogCapture m_log;  // every record of the test, kept off standard error
+  LogCapture m_log;
   HostCallback m_host;
 };
 

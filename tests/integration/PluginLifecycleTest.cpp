@@ -10,6 +10,12 @@ const fs::path kMarker = kModuleDir / "cefdisable";
 
 class PluginLifecycle : public PluginTest {};
 
+// Calls the operation in an object's virtual slot as a separately built host does.
+template <typename R, typename... A>
+R Call(void* object, int slot, A... args) {
+  return reinterpret_cast<R (*)(void*, A...)>((*static_cast<void***>(object))[slot])(object, args...);
+}
+
 }  // namespace
 
 // A host built apart from this library finds the objects through the table and reaches them only by slot
@@ -36,9 +42,6 @@ TEST_F(PluginLifecycle, TableAndTheSlotsAHostCalls) {
   EXPECT_EQ(CExecutionContext::acquireInstance(3), nullptr);
   void* service = m_plugin.create(kFeedbackId);
   ASSERT_NE(service, nullptr);
-  auto slot = [](void* object, int index) { return (*static_cast<void***>(object))[index]; };
-
-  using Supports = bool (*)(void*, const char*, unsigned int);
   const struct {
     void* object;
     const char* id;
@@ -47,32 +50,21 @@ TEST_F(PluginLifecycle, TableAndTheSlotsAHostCalls) {
   } supports[] = {{service, kFeedbackId, 1, true}, {service, kFeedbackId, 2, false}, {service, kStatusId, 1, false},
                   {status, kStatusId, 1, true},    {status, kFeedbackId, 1, false}};
   for (const auto& row : supports) {
-    EXPECT_EQ(reinterpret_cast<Supports>(slot(row.object, 0))(row.object, row.id, row.version), row.supported)
-        << row.id << ' ' << row.version;
+    EXPECT_EQ(Call<bool>(row.object, 0, row.id, row.version), row.supported) << row.id << ' ' << row.version;
   }
-  using Running = unsigned int (*)(void*);
-  EXPECT_EQ(reinterpret_cast<Running>(slot(service, 5))(service), kNotRunning);
-  using SetCallback = long (*)(void*, IPhoneHomePluginCB*);
-  EXPECT_EQ(reinterpret_cast<SetCallback>(slot(service, 6))(service, nullptr), -6);
-  using UnSetCallback = long (*)(void*);
-  EXPECT_EQ(reinterpret_cast<UnSetCallback>(slot(service, 7))(service), 0);
-  // Stopping a service that never started is harmless.
-  using Stop = long (*)(void*);
-  EXPECT_EQ(reinterpret_cast<Stop>(slot(service, 4))(service), 0);
-
-  using Enabled = long (*)(void*, bool&);
+  EXPECT_EQ(Call<unsigned int>(service, 5), kNotRunning);                           // IsPhoneHomeRunning
+  EXPECT_EQ(Call<long>(service, 6, static_cast<IPhoneHomePluginCB*>(nullptr)), -6);  // SetPhoneHomePluginCB
+  EXPECT_EQ(Call<long>(service, 7), 0);                                             // UnSetPhoneHomePluginCB
+  EXPECT_EQ(Call<long>(service, 4), 0);  // StopPhoneHome: harmless on a service that never started
   bool enabled = false;
-  EXPECT_EQ(reinterpret_cast<Enabled>(slot(status, 3))(status, enabled), 0);
+  EXPECT_EQ((Call<long, bool&>(status, 3, enabled)), 0);  // IsEnabled
   EXPECT_TRUE(enabled);
-  using DisplayName = long (*)(void*, char*, unsigned long&);
   unsigned long size = 0;
-  EXPECT_EQ(reinterpret_cast<DisplayName>(slot(status, 4))(status, nullptr, size), -3);
+  EXPECT_EQ((Call<long, char*, unsigned long&>(status, 4, nullptr, size)), -3);  // GetDisplayName
   EXPECT_GT(size, 1u);
-
   // Slot 2 is what DisposePlugin calls: the deleting destructor frees the object and its agent.
-  using DeletingDestructor = void (*)(void*);
-  reinterpret_cast<DeletingDestructor>(slot(service, 2))(service);
-  reinterpret_cast<DeletingDestructor>(slot(status, 2))(status);
+  Call<void>(service, 2);
+  Call<void>(status, 2);
 }
 
 TEST_F(PluginLifecycle, RunsOnTheHostThreadUntilStoppedFromAnother) {
