@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <string>
 #include <thread>
@@ -99,19 +100,27 @@ struct LoadedPlugin {
   const PluginInterface* table = nullptr;
 };
 
+// Waits, for at most `bound` of real time, until `done` holds; whether it does.
+template <typename Predicate>
+bool WaitFor(Predicate done, std::chrono::milliseconds bound = kBound) {
+  const auto until = SteadyClock::now() + bound;
+  while (!done() && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
+  return done();
+}
+
 // One feedback object; Start runs StartPhoneHome on a host thread, which the end stops before disposing.
 class Service {
  public:
-  Service(LoadedPlugin& plugin, HostCallback* host = nullptr)
+  explicit Service(LoadedPlugin& plugin, HostCallback* host = nullptr)
       : m_plugin(plugin), m_service(static_cast<IPhoneHomePlugin*>(plugin.create(kFeedbackId))) {
     if (m_service != nullptr && host != nullptr) {
       EXPECT_EQ(m_service->SetPhoneHomePluginCB(host), 0);
     }
   }
   ~Service() {
-    if (m_thread.joinable()) {
+    if (m_result.valid()) {
       m_service->StopPhoneHome();
-      m_thread.join();
+      m_result.wait();
     }
     if (m_service != nullptr) {
       EXPECT_TRUE(m_plugin.dispose(m_service));
@@ -119,28 +128,17 @@ class Service {
   }
   bool Ok() const { return m_service != nullptr; }
   IPhoneHomePlugin* operator->() const { return m_service; }
-  void Start() {
-    m_thread = std::thread([this] {
-      m_result = m_service->StartPhoneHome();
-      m_done = true;
-    });
-  }
+  void Start() { m_result = std::async(std::launch::async, [this] { return m_service->StartPhoneHome(); }); }
   void Stop() { EXPECT_EQ(m_service->StopPhoneHome(), 0); }
   // StartPhoneHome's result, or -1 when it does not return within `bound` of real time.
   long Returned(std::chrono::milliseconds bound) {
-    const auto until = SteadyClock::now() + bound;
-    while (!m_done && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
-    if (!m_done) return -1;
-    m_thread.join();
-    return m_result;
+    return m_result.wait_for(bound) == std::future_status::ready ? m_result.get() : -1;
   }
-  std::atomic<bool> m_done{false};
 
  private:
   LoadedPlugin& m_plugin;
   IPhoneHomePlugin* m_service;
-  std::thread m_thread;
-  std::atomic<long> m_result{-1};
+  std::future<long> m_result;
 };
 
 // The loop's context as a host may watch it.
