@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -12,16 +13,11 @@ namespace {
 // Demangled names of the defined dynamic symbols of a shared library.
 std::set<std::string> DynamicSymbols(const std::string& library) {
   std::set<std::string> names;
-  std::string command = "nm -DC --defined-only '" + library + "' 2>/dev/null";
+  std::string command = "nm -DCj --defined-only '" + library + "' 2>/dev/null";
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  if (!pipe) return names;
   char line[4096];
-  while (fgets(line, sizeof line, pipe.get()) != nullptr) {
-    std::string text(line);
-    if (!text.empty() && text.back() == '\n') text.pop_back();
-    // "<address> <type> <name>"
-    size_t second = text.find(' ', text.find(' ') + 1);
-    if (second != std::string::npos) names.insert(text.substr(second + 1));
+  while (pipe && fgets(line, sizeof line, pipe.get()) != nullptr) {
+    names.insert(std::string(line, std::strcspn(line, "\n")));  // one name a line
   }
   return names;
 }
