@@ -156,7 +156,7 @@ struct LoopView {
   CExecutionContext* context;
 };
 
-// A clean install root and simulated time at kStart for every test, and for every row that calls Fresh.
+// A clean install root and simulated time held at kStart for every test, and for every row that calls Fresh.
 class PluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -173,6 +173,7 @@ class PluginTest : public ::testing::Test {
   void Fresh() {
     fs::remove_all(kFeedbackDir);
     SuiteClock::UseSimulated(kStart);
+    SuiteClock::HoldAt(kStart);  // simulated time never runs free, whatever a start does
     m_log.Clear();
   }
   bool RunTo(uint32_t moment) { return SuiteClock::HoldAt(moment) && SuiteClock::WaitUntilParked(kBound); }
