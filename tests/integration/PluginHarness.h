@@ -143,7 +143,7 @@ class Service {
 
 // The loop's context as a host may watch it.
 struct LoopView {
-  LoopView() : context(CExecutionContext::acquireInstance(3)) {}
+  CExecutionContext* context = CExecutionContext::acquireInstance(3);
   ~LoopView() {
     if (context != nullptr) context->release();
   }
@@ -153,7 +153,6 @@ struct LoopView {
     return context->GetTimerList()->TimeToExpired(ms) == 0 ? static_cast<long long>(ms) : -1;
   }
   uint64_t Passes() { return context->GetEventList()->GetWaitCount(); }
-  CExecutionContext* context;
 };
 
 // A clean install root and simulated time held at kStart for every test, and for every row that calls Fresh.

@@ -42,13 +42,9 @@ TEST_F(PluginLifecycle, TableAndTheSlotsAHostCalls) {
   EXPECT_EQ(CExecutionContext::acquireInstance(3), nullptr);
   void* service = m_plugin.create(kFeedbackId);
   ASSERT_NE(service, nullptr);
-  const struct {
-    void* object;
-    const char* id;
-    unsigned int version;
-    bool supported;
-  } supports[] = {{service, kFeedbackId, 1, true}, {service, kFeedbackId, 2, false}, {service, kStatusId, 1, false},
-                  {status, kStatusId, 1, true},    {status, kFeedbackId, 1, false}};
+  const struct { void* object; const char* id; unsigned int version; bool supported; } supports[] = {
+      {service, kFeedbackId, 1, true}, {service, kFeedbackId, 2, false}, {service, kStatusId, 1, false},
+      {status, kStatusId, 1, true},    {status, kFeedbackId, 1, false}};
   for (const auto& row : supports) {
     EXPECT_EQ(Call<bool>(row.object, 0, row.id, row.version), row.supported) << row.id << ' ' << row.version;
   }
