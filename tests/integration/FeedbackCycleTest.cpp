@@ -126,7 +126,7 @@ TEST_F(FeedbackCycle, StarterPostsLeftoversToTheSecondaryWhenThePrimaryRefuses) 
     ASSERT_TRUE(StartAndRunTo(service, kSettingsAt)) << m_log.Dump();
     const std::vector<ReceivedPost> posts = m_env.Posts();
     ASSERT_EQ(posts.size(), postsBefore + (row.posted ? 1 : 0));
-    if (row.posted) EXPECT_EQ(posts.back().body, "d4:leftie");
+    if (row.posted) { EXPECT_EQ(posts.back().body, "d4:leftie"); }
     EXPECT_EQ(Outbound().empty(), row.posted);
     EXPECT_EQ(m_log.Count(" File posted to PhoneHome server"), row.posted ? 1u : 0u) << m_log.Dump();
     EXPECT_EQ(CountStarting(kBothFailed) + m_log.Count("post failed, give up this time."), row.posted ? 0u : 2u);
