@@ -18,47 +18,21 @@ class AgentUnderTest : public CPhoneHomeAgent {
  public:
   AgentUnderTest(long& err, CPhoneHomePlugin& owner) : CPhoneHomeAgent(err, owner) {}
 
-  using CPhoneHomeAgent::ApplyHistory;
-  using CPhoneHomeAgent::CalcRemainingSeconds;
-  using CPhoneHomeAgent::CheckCrashDumps;
-  using CPhoneHomeAgent::CollectPhoneHomeDataAndSend;
-  using CPhoneHomeAgent::CreateBencodeFile;
-  using CPhoneHomeAgent::GetMachineID;
-  using CPhoneHomeAgent::GetModuleData;
-  using CPhoneHomeAgent::GetUDID;
-  using CPhoneHomeAgent::InitPhoneHomeAgent;
-  using CPhoneHomeAgent::InitPhoneHomePayload;
-  using CPhoneHomeAgent::LoadSettingsFromConfigFile;
-  using CPhoneHomeAgent::LoadSettingsFromXmlFile;
-  using CPhoneHomeAgent::PostDataFile;
-  using CPhoneHomeAgent::SaveHistoryFile;
-  using CPhoneHomeAgent::ScanAndPostFile;
-  using CPhoneHomeAgent::UpdateLevel2Payload;
-
-  using CPhoneHomeAgent::baseDir;
-  using CPhoneHomeAgent::compressPost;
-  using CPhoneHomeAgent::configFile;
-  using CPhoneHomeAgent::crashCheckInterval;
-  using CPhoneHomeAgent::customerId;
-  using CPhoneHomeAgent::dnsHash;
-  using CPhoneHomeAgent::executionContext;
-  using CPhoneHomeAgent::feedbackInterval;
-  using CPhoneHomeAgent::history;
-  using CPhoneHomeAgent::historyFile;
-  using CPhoneHomeAgent::lastReportedTime;
-  using CPhoneHomeAgent::machineId;
-  using CPhoneHomeAgent::moduleFiles;
-  using CPhoneHomeAgent::moduleSettings;
-  using CPhoneHomeAgent::outboundDir;
-  using CPhoneHomeAgent::payload;
-  using CPhoneHomeAgent::profileFile;
-  using CPhoneHomeAgent::qualityDict;
-  using CPhoneHomeAgent::retryCount;
-  using CPhoneHomeAgent::retryTimer;
-  using CPhoneHomeAgent::sequenceNumber;
-  using CPhoneHomeAgent::serviceDisabled;
-  using CPhoneHomeAgent::stopRequested;
-  using CPhoneHomeAgent::udid;
+  using CPhoneHomeAgent::ApplyHistory, CPhoneHomeAgent::CalcRemainingSeconds, CPhoneHomeAgent::CheckCrashDumps,
+        CPhoneHomeAgent::CollectPhoneHomeDataAndSend, CPhoneHomeAgent::CreateBencodeFile,
+        CPhoneHomeAgent::GetMachineID, CPhoneHomeAgent::GetModuleData, CPhoneHomeAgent::GetUDID,
+        CPhoneHomeAgent::InitPhoneHomeAgent, CPhoneHomeAgent::InitPhoneHomePayload,
+        CPhoneHomeAgent::LoadSettingsFromConfigFile, CPhoneHomeAgent::LoadSettingsFromXmlFile,
+        CPhoneHomeAgent::PostDataFile, CPhoneHomeAgent::SaveHistoryFile, CPhoneHomeAgent::ScanAndPostFile,
+        CPhoneHomeAgent::UpdateLevel2Payload;
+  using CPhoneHomeAgent::baseDir, CPhoneHomeAgent::compressPost, CPhoneHomeAgent::configFile,
+        CPhoneHomeAgent::crashCheckInterval, CPhoneHomeAgent::customerId, CPhoneHomeAgent::dnsHash,
+        CPhoneHomeAgent::executionContext, CPhoneHomeAgent::feedbackInterval, CPhoneHomeAgent::history,
+        CPhoneHomeAgent::historyFile, CPhoneHomeAgent::lastReportedTime, CPhoneHomeAgent::machineId,
+        CPhoneHomeAgent::moduleFiles, CPhoneHomeAgent::moduleSettings, CPhoneHomeAgent::outboundDir,
+        CPhoneHomeAgent::payload, CPhoneHomeAgent::profileFile, CPhoneHomeAgent::qualityDict,
+        CPhoneHomeAgent::retryCount, CPhoneHomeAgent::retryTimer, CPhoneHomeAgent::sequenceNumber,
+        CPhoneHomeAgent::serviceDisabled, CPhoneHomeAgent::stopRequested, CPhoneHomeAgent::udid;
 
   CBencodeList& Level2() { return *static_cast<CBencodeList*>(payload[3]); }
 };
