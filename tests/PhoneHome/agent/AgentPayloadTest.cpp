@@ -10,7 +10,6 @@
 #include "BuildConfig.h"
 #include "Clock.h"
 #include "DeviceIDInfo.h"
-#include "DeviceInfo/DeviceInfo.h"
 #include "OsVersion.h"
 
 namespace {
@@ -151,36 +150,14 @@ TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
   EXPECT_EQ(m_agent.lastReportedTime, kStart);
 }
 
-TEST_F(AgentPayload, MachineIdAndUdidComeFromThePlatform) {
-  std::string deviceId;
-  std::string machineId = "untouched";
-  if (DeviceIDInfo::GetDeviceID(deviceId)) {
-    std::string expected;
-    ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
-    EXPECT_TRUE(AgentUnderTest::GetMachineID(machineId));
-    EXPECT_EQ(machineId, expected);
-  } else {
-    EXPECT_FALSE(AgentUnderTest::GetMachineID(machineId));
-    EXPECT_EQ(machineId, "untouched");
-  }
-
-  // Whatever this machine's disks give, the agent reports what CDeviceInfo reports, or the code it failed with.
-  char buffer[41] = {};
-  char* data = buffer;
-  unsigned int size = sizeof buffer;
-  const long code = CDeviceInfo().GetUDID(data, size);
-  LogCapture log;
-  std::string udid = "untouched";
-  if (code == 0) {
-    EXPECT_TRUE(AgentUnderTest::GetUDID(udid));
-    EXPECT_EQ(udid, buffer);
-  } else {
-    EXPECT_FALSE(AgentUnderTest::GetUDID(udid));
-    EXPECT_EQ(udid, "untouched");
-    char text[64];
-    snprintf(text, sizeof text, "Error (%x) in getting UDID", static_cast<unsigned int>(code));
-    const LogRecord* record = log.Find(text);
-    ASSERT_NE(record, nullptr) << log.Dump();
-    EXPECT_EQ(record->importance, APPLOG_WARNING);
-  }
+TEST(AgentIdentity, MachineIdIsTheLowerCaseSha1OfTheDeviceId) {
+  // The wrapper hashes whatever it is given, nothing included.
+  std::string hash;
+  EXPECT_TRUE(CPhoneHomeAgent::SHA1Hash("", hash));
+  EXPECT_EQ(hash, "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+  std::string deviceId, machineId = "untouched", expected = "untouched";
+  const bool found = DeviceIDInfo::GetDeviceID(deviceId);
+  if (found) ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
+  EXPECT_EQ(AgentUnderTest::GetMachineID(machineId), found);
+  EXPECT_EQ(machineId, expected);
 }
