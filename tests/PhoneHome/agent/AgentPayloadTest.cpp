@@ -10,6 +10,7 @@
 #include "BuildConfig.h"
 #include "Clock.h"
 #include "DeviceIDInfo.h"
+#include "DeviceInfo/DeviceInfo.h"
 #include "OsVersion.h"
 
 namespace {
@@ -150,7 +151,7 @@ TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
   EXPECT_EQ(m_agent.lastReportedTime, kStart);
 }
 
-TEST(AgentIdentity, MachineIdIsTheLowerCaseSha1OfTheDeviceId) {
+TEST(AgentIdentity, MachineIdIsTheSha1OfTheDeviceIdAndTheUdidDeviceInfos) {
   // The wrapper hashes whatever it is given, nothing included.
   std::string hash;
   EXPECT_TRUE(CPhoneHomeAgent::SHA1Hash("", hash));
@@ -160,4 +161,19 @@ TEST(AgentIdentity, MachineIdIsTheLowerCaseSha1OfTheDeviceId) {
   if (found) ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
   EXPECT_EQ(AgentUnderTest::GetMachineID(machineId), found);
   EXPECT_EQ(machineId, expected);
+
+  // Whatever this machine's disks give, the agent reports what CDeviceInfo reports, or the code it failed with.
+  char buffer[41] = {};
+  char* data = buffer;
+  unsigned int size = sizeof buffer;
+  const long code = CDeviceInfo().GetUDID(data, size);
+  LogCapture log;
+  std::string udid = "untouched";
+  EXPECT_EQ(AgentUnderTest::GetUDID(udid), code == 0);
+  EXPECT_EQ(udid, code == 0 ? std::string(buffer) : "untouched");
+  if (code == 0) return;
+  char text[64];
+  snprintf(text, sizeof text, "Error (%x) in getting UDID", static_cast<unsigned int>(code));
+  ASSERT_NE(log.Find(text), nullptr) << log.Dump();
+  EXPECT_EQ(log.Find(text)->importance, APPLOG_WARNING);
 }
