@@ -59,12 +59,6 @@ TEST_F(AgentCollect, ModuleStatusRules) {
     const char* message;
   } rows[] = {
       {"absent", "AccessModule", {"AccessPhoneHomeFile"}, {""}, 0, "de", {false}, "old", nullptr},
-      {"one file", "AccessModule", {"AccessPhoneHomeFile"}, {"d1:ai1ee"}, 0, "d12:AccessModuled1:ai1eee", {true},
-       "old", nullptr},
-      {"locked", "FlowModule", {"FlowPhoneHomeFile"}, {"#d1:ai1ee"}, -2, "de", {false}, "old",
-       "Failed to internalize FlowModule Module data"},
-      {"malformed", "FlowModule", {"FlowPhoneHomeFile"}, {"x"}, -3, "de", {false}, "old",
-       "Failed to internalize FlowModule Module data"},
       {"tunnel domain", "TunnelModule", {"TunnelPhoneHomeFile"},
        {"d1:ai1e7:Networkd16:TrustedInterfaced9:DNSDomain3:abceee"}, 0, "d12:TunnelModuled1:ai1eee", {true},
        kDomainHash.substr(20), "Removed Network dict"},
