@@ -1,6 +1,5 @@
-// The history file: the key/value reader, the six records on save, and how a loaded history is taken over.
+// The history file: the key/value lines, the six records on save, and how a loaded history is taken over.
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include <map>
 #include <string>
@@ -8,7 +7,6 @@
 #include "AgentUnderTest.h"
 #include "AppLog.h"
 #include "BuildConfig.h"
-#include "Clock.h"
 #include "LogCapture.h"
 #include "TempDir.h"
 
@@ -36,22 +34,6 @@ TEST(AgentHistory, KeyValueLinesFollowTheFileRules) {
     CPhoneHomeAgent::LoadTextToMap(row.text, map);
     EXPECT_EQ(map, row.expected) << "text: " << row.text;
   }
-}
-
-TEST(AgentHistory, FileReaderAddsToTheMapOrWarnsAndLeavesIt) {
-  TempDir dir;
-  LogCapture log;
-  Map map{{"kept", "1"}, {"k", "old"}};
-  EXPECT_TRUE(CPhoneHomeAgent::LoadFileToMap(dir.Write("config", "K:new\r\n"), map));
-  EXPECT_EQ(map, (Map{{"kept", "1"}, {"k", "new"}}));
-
-  const std::string missing = dir.File("missing");
-  EXPECT_FALSE(CPhoneHomeAgent::LoadFileToMap(missing, map));
-  EXPECT_EQ(map, (Map{{"kept", "1"}, {"k", "new"}}));
-  const LogRecord* warning = log.Find("Can't open file " + missing);
-  ASSERT_NE(warning, nullptr) << log.Dump();
-  EXPECT_EQ(warning->importance, APPLOG_WARNING);
-  EXPECT_EQ(warning->file, "PhoneHomeAgent");
 }
 
 TEST(AgentHistory, SaveWritesTheSixRecordsInTheirFixedOrder) {
@@ -127,23 +109,4 @@ TEST(AgentHistory, LoadedValuesAreCheckedAndAVersionChangeForgetsTheTimes) {
     // The start message carries the sequence number already taken over.
     EXPECT_NE(started.find("sequence number " + std::to_string(row.sequenceNumber)), std::string::npos) << started;
   }
-}
-
-TEST(AgentHistory, TimesAreTheClocksSecondsAndFileTimesTheModificationTime) {
-  AgentFixture f;
-  SuiteClock::UseSimulated(1700000123);
-  f.agent->UpdateTimeInHistory("last_post");
-  f.agent->UpdateTimeInHistory(nullptr);
-  SuiteClock::UseRealTime();
-  EXPECT_EQ(f.agent->history, (Map{{"last_post", "1700000123"}}));
-
-  TempDir dir;
-  const std::string file = dir.Write("dump", "x");
-  struct timeval times[2] = {{1600000000, 0}, {1500000000, 0}};  // access, modification
-  ASSERT_EQ(utimes(file.c_str(), times), 0);
-  unsigned int time = 77;
-  EXPECT_TRUE(AgentUnderTest::GetFileCreationTime(file, time));
-  EXPECT_EQ(time, 1500000000u);
-  EXPECT_FALSE(AgentUnderTest::GetFileCreationTime(dir.File("missing"), time));
-  EXPECT_EQ(time, 0u);
 }

@@ -30,52 +30,39 @@ class AgentInit : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(AgentInit, MakesTheTreeAndReadsTheHistory) {
-  fs::create_directories(kBase);
-  WriteFile(kBase + "history", "last_sequence_number:12\nlast_post:1700000000\n");
-  AgentFixture f;
-  LogCapture log;
-  ASSERT_TRUE(f.agent->InitPhoneHomeAgent()) << log.Dump();
-  for (const char* dir : {"", "outbound", "moduledata"}) EXPECT_TRUE(fs::is_directory(kBase + dir)) << dir;
-  EXPECT_EQ(f.agent->baseDir, kBase);
-  EXPECT_EQ(f.agent->outboundDir, kBase + "outbound/");
-  EXPECT_EQ(f.agent->historyFile, kBase + "history");
-  EXPECT_EQ(f.agent->configFile, kBase + "config");
-  EXPECT_EQ(f.agent->profileFile, kBase + "CustomerExperience_Feedback.xml");
-  EXPECT_EQ(f.agent->sequenceNumber, 12u);
-  EXPECT_FALSE(log.Has("Illegal last reported time, using default value (0)")) << log.Dump();
-  EXPECT_FALSE(fs::exists(kMarker));
-}
-
-TEST_F(AgentInit, ADisabledProfileLeavesTheMarkerAndLoadsNothingMore) {
-  fs::create_directories(kBase);
-  WriteFile(kBase + "CustomerExperience_Feedback.xml", "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
-  WriteFile(kBase + "history", "last_sequence_number:12\n");
-  AgentFixture f;
-  LogCapture log;
-  EXPECT_TRUE(f.agent->InitPhoneHomeAgent());
-  EXPECT_TRUE(fs::is_regular_file(kMarker));
-  EXPECT_TRUE(f.agent->history.empty());
-  EXPECT_EQ(f.agent->sequenceNumber, 1u);
-  EXPECT_FALSE(log.Has("Illegal last reported time, using default value (0)")) << log.Dump();
-}
-
-TEST_F(AgentInit, AMarkerFromADisabledRunFailsTheNextStartOnce) {
-  fs::create_directories(kBase + "moduledata");
-  WriteFile(kMarker, "");
-  {
+TEST_F(AgentInit, MakesTheTreeAndTakesTheHistoryOverUnlessTheProfileDisables) {
+  for (const bool disabled : {false, true}) {
+    SCOPED_TRACE(disabled ? "disabled" : "enabled");
+    fs::remove_all(kTree);
+    fs::create_directories(kBase);
+    // Without "last_post" a history that is read always brings its complaint.
+    WriteFile(kBase + "history", disabled ? "last_sequence_number:12\n" : "last_sequence_number:12\nlast_post:1700000000\n");
+    if (disabled) WriteFile(kBase + "CustomerExperience_Feedback.xml", "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
     AgentFixture f;
     LogCapture log;
-    EXPECT_FALSE(f.agent->Start());
-    EXPECT_TRUE(log.Has("Failed to remove phoneHome status file")) << log.Dump();
-    EXPECT_TRUE(log.Has("PhoneHomeAgent initialization failed")) << log.Dump();
-    EXPECT_FALSE(fs::exists(kMarker));
-    // Still marked as running after the failed start.
-    EXPECT_FALSE(f.agent->Start());
-    EXPECT_TRUE(log.Has("Customer Experience Feedback module is already running")) << log.Dump();
+    ASSERT_TRUE(f.agent->InitPhoneHomeAgent()) << log.Dump();
+    for (const char* dir : {"", "outbound", "moduledata"}) EXPECT_TRUE(fs::is_directory(kBase + dir)) << dir;
+    EXPECT_EQ(f.agent->baseDir, kBase);
+    EXPECT_EQ(f.agent->outboundDir, kBase + "outbound/");
+    EXPECT_EQ(f.agent->historyFile, kBase + "history");
+    EXPECT_EQ(f.agent->configFile, kBase + "config");
+    EXPECT_EQ(f.agent->profileFile, kBase + "CustomerExperience_Feedback.xml");
+    EXPECT_EQ(f.agent->sequenceNumber, disabled ? 1u : 12u);
+    EXPECT_EQ(f.agent->history.empty(), disabled);
+    EXPECT_FALSE(log.Has("Illegal last reported time, using default value (0)")) << log.Dump();
+    EXPECT_EQ(fs::is_regular_file(kMarker), disabled);
   }
-  AgentFixture again;
-  EXPECT_TRUE(again.agent->InitPhoneHomeAgent());
+}
+
+TEST_F(AgentInit, AStartFailedOnTheMarkerLeavesTheAgentMarkedAsRunning) {
+  fs::create_directories(kBase + "moduledata");
+  WriteFile(kMarker, "");
+  AgentFixture f;
+  LogCapture log;
+  EXPECT_FALSE(f.agent->Start());
+  EXPECT_TRUE(log.Has("Failed to remove phoneHome status file")) << log.Dump();
+  EXPECT_FALSE(f.agent->Start());
+  EXPECT_EQ(log.Count("Customer Experience Feedback module is already running"), 1u) << log.Dump();
 }
 
 TEST_F(AgentInit, ATreeThatCannotBeMadeFailsWithThePath) {

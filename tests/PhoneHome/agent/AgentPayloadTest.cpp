@@ -6,14 +6,12 @@
 #include <cstdlib>
 #include <string>
 
+#include "AgentUnderTest.h"
 #include "BuildConfig.h"
 #include "Clock.h"
 #include "DeviceIDInfo.h"
 #include "DeviceInfo/DeviceInfo.h"
-#include "LogCapture.h"
 #include "OsVersion.h"
-#include "PhoneHome/PhoneHomeAgent.h"
-#include "PhoneHome/PhoneHomePluginImp.h"
 
 namespace {
 
@@ -24,32 +22,6 @@ const std::string kDnsHash = "fedcba9876543210fedc";
 
 std::string Str(const std::string& text) { return std::to_string(text.size()) + ":" + text; }
 std::string Int(uint64_t value) { return "i" + std::to_string(value) + "e"; }
-
-// The agent seen from inside: the payload operations and the fields they read, nothing replaced.
-class PayloadAgent : public CPhoneHomeAgent {
- public:
-  PayloadAgent(long& err, CPhoneHomePlugin& owner) : CPhoneHomeAgent(err, owner) {}
-  using CPhoneHomeAgent::customerId;
-  using CPhoneHomeAgent::dnsHash;
-  using CPhoneHomeAgent::GetMachineID;
-  using CPhoneHomeAgent::GetUDID;
-  using CPhoneHomeAgent::InitPhoneHomePayload;
-  using CPhoneHomeAgent::lastReportedTime;
-  using CPhoneHomeAgent::machineId;
-  using CPhoneHomeAgent::payload;
-  using CPhoneHomeAgent::qualityDict;
-  using CPhoneHomeAgent::udid;
-  using CPhoneHomeAgent::UpdateLevel2Payload;
-
-  std::string Bytes() {
-    CBencodeStream stream("", false);
-    if (!payload.Externalize(stream)) return "<failed>";
-    std::string text(static_cast<size_t>(stream.Tellp()), '\0');
-    stream.Read(&text[0], text.size());
-    return text;
-  }
-  CBencodeList& Level2() { return *static_cast<CBencodeList*>(payload[3]); }
-};
 
 // Each test builds on the simulated clock at kStart, with the environment naming the C.UTF-8 locale while the
 // process itself stays in "C". Neither agent is started, so the two of them (the plug-in's own and the one
@@ -82,7 +54,7 @@ class AgentPayload : public ::testing::Test {
   long m_ownerErr = -1;
   CPhoneHomePlugin m_owner{m_ownerErr};
   long m_err = -1;
-  PayloadAgent m_agent{m_err, m_owner};
+  AgentUnderTest m_agent{m_err, m_owner};
 };
 
 }  // namespace
@@ -118,7 +90,7 @@ TEST_F(AgentPayload, TreeIsExactlyTheHeaderWithOptionalKeysLeftOutWhenEmpty) {
           "e"
         "e"
         "e";
-    EXPECT_EQ(m_agent.Bytes(), expected);
+    EXPECT_EQ(Bencoded(m_agent.payload), expected);
     EXPECT_TRUE(log.Records().empty()) << log.Dump();
     // The process keeps its own locale; only the environment's was looked at.
     EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
@@ -179,33 +151,16 @@ TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
   EXPECT_EQ(m_agent.lastReportedTime, kStart);
 }
 
-TEST(AgentIdentity, Sha1IsFortyLowerCaseHexDigitsOfEveryByte) {
-  const struct {
-    std::string in, out;
-  } rows[] = {
-      {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
-      {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
-      {std::string(1, '\0'), "5ba93c9db0cff93f52b521d7420e43f6eda2784f"},
-  };
-  for (const auto& row : rows) {
-    std::string out = "poison";
-    EXPECT_TRUE(CPhoneHomeAgent::SHA1Hash(row.in, out));
-    EXPECT_EQ(out, row.out) << row.in.size() << " bytes";
-  }
-}
-
-TEST_F(AgentPayload, MachineIdAndUdidComeFromThePlatform) {
-  std::string deviceId;
-  std::string machineId = "untouched";
-  if (DeviceIDInfo::GetDeviceID(deviceId)) {
-    std::string expected;
-    ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
-    EXPECT_TRUE(PayloadAgent::GetMachineID(machineId));
-    EXPECT_EQ(machineId, expected);
-  } else {
-    EXPECT_FALSE(PayloadAgent::GetMachineID(machineId));
-    EXPECT_EQ(machineId, "untouched");
-  }
+TEST(AgentIdentity, MachineIdIsTheSha1OfTheDeviceIdAndTheUdidDeviceInfos) {
+  // The wrapper hashes whatever it is given, nothing included.
+  std::string hash;
+  EXPECT_TRUE(CPhoneHomeAgent::SHA1Hash("", hash));
+  EXPECT_EQ(hash, "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+  std::string deviceId, machineId = "untouched", expected = "untouched";
+  const bool found = DeviceIDInfo::GetDeviceID(deviceId);
+  if (found) ASSERT_TRUE(CPhoneHomeAgent::SHA1Hash(deviceId, expected));
+  EXPECT_EQ(AgentUnderTest::GetMachineID(machineId), found);
+  EXPECT_EQ(machineId, expected);
 
   // Whatever this machine's disks give, the agent reports what CDeviceInfo reports, or the code it failed with.
   char buffer[41] = {};
@@ -214,16 +169,11 @@ TEST_F(AgentPayload, MachineIdAndUdidComeFromThePlatform) {
   const long code = CDeviceInfo().GetUDID(data, size);
   LogCapture log;
   std::string udid = "untouched";
-  if (code == 0) {
-    EXPECT_TRUE(PayloadAgent::GetUDID(udid));
-    EXPECT_EQ(udid, buffer);
-  } else {
-    EXPECT_FALSE(PayloadAgent::GetUDID(udid));
-    EXPECT_EQ(udid, "untouched");
-    char text[64];
-    snprintf(text, sizeof text, "Error (%x) in getting UDID", static_cast<unsigned int>(code));
-    const LogRecord* record = log.Find(text);
-    ASSERT_NE(record, nullptr) << log.Dump();
-    EXPECT_EQ(record->importance, APPLOG_WARNING);
-  }
+  EXPECT_EQ(AgentUnderTest::GetUDID(udid), code == 0);
+  EXPECT_EQ(udid, code == 0 ? std::string(buffer) : "untouched");
+  if (code == 0) return;
+  char text[64];
+  snprintf(text, sizeof text, "Error (%x) in getting UDID", static_cast<unsigned int>(code));
+  ASSERT_NE(log.Find(text), nullptr) << log.Dump();
+  EXPECT_EQ(log.Find(text)->importance, APPLOG_WARNING);
 }

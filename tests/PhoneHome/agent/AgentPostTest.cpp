@@ -1,29 +1,15 @@
 // Outbound posts through the agent itself to the local receiver over TLS: the body and "Zip" flag that arrive,
 // the size limit at its edge, and the walk of the outbound directory with its stop, failure and retry rules.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <zlib.h>
 
 #include <random>
 #include <string>
 
 #include "AgentUnderTest.h"
-#include "ExecutionContext.h"
-#include "LogCapture.h"
-#include "TempDir.h"
 #include "TlsTestEnv.h"
 
 namespace {
-
-class PostAgent : public AgentUnderTest {
- public:
-  using AgentUnderTest::AgentUnderTest;
-  using CPhoneHomeAgent::compressPost;
-  using CPhoneHomeAgent::executionContext;
-  using CPhoneHomeAgent::PostDataFile;
-  using CPhoneHomeAgent::retryTimer;
-  using CPhoneHomeAgent::ScanAndPostFile;
-};
 
 std::string Unzip(const std::string& bytes, size_t size) {
   std::string out(size, '\0');
@@ -36,15 +22,8 @@ std::string Unzip(const std::string& bytes, size_t size) {
   return out;
 }
 
-class AgentPost : public ::testing::Test {
+class AgentPost : public AgentOverDir {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(m_err, 0);
-    a.outboundDir = m_dir.path() + "/out/";
-    mkdir(a.outboundDir.c_str(), 0755);
-    long err = 0;
-    a.retryTimer = new CTimer(err, a.executionContext->GetTimerList(), &a, nullptr, 5);
-  }
   size_t Left() {
     size_t n = 0;
     for (const char* name : {"feedback_data1.cef", "feedback_data2.cef", "threat_report3.cef"}) {
@@ -52,17 +31,7 @@ class AgentPost : public ::testing::Test {
     }
     return n;
   }
-  long long RetryDueMs() {
-    unsigned int ms = 0;
-    return a.executionContext->GetTimerList()->TimeToExpired(ms) == 0 ? static_cast<long long>(ms) : -1;
-  }
-
   TlsTestEnv m_env;
-  TempDir m_dir;
-  LogCapture m_log;
-  long m_ownerErr = -1, m_err = -1;
-  CPhoneHomePlugin m_owner{m_ownerErr};
-  PostAgent a{m_err, m_owner};
 };
 
 }  // namespace
@@ -76,8 +45,7 @@ TEST_F(AgentPost, BodyZipFlagAndSizeLimit) {
   struct Row {
     const char* name;
     const std::string& file;
-    bool compress;
-    bool posted;
+    bool compress, posted;
     bool zipped;           // the posted body is zlib data of the file
     const char* message;   // the one line the agent logs, if any
   } rows[] = {
@@ -126,7 +94,7 @@ TEST_F(AgentPost, WalkStopsAtTheFirstFailureAndArmsTheRetryOnlyWhenAsked) {
     EXPECT_EQ(Left(), 2u);
     EXPECT_EQ(m_log.Count(" File posted to PhoneHome server"), 1u);
     EXPECT_EQ(m_log.Count("post failed, give up this time."), retrySeconds == 0 ? 1u : 0u);
-    EXPECT_EQ(RetryDueMs(), retrySeconds == 0 ? -1 : 1800000);
+    EXPECT_EQ(NextExpiryMs(), retrySeconds == 0 ? -1 : 1800000);
     EXPECT_FALSE(a.history["last_post"].empty());
     // A stop ends the walk before the next file; the rest go when nothing is in the way.
     a.stopRequested = true;

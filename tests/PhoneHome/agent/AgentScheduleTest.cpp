@@ -53,9 +53,11 @@ TEST(AgentSettings, ProfileFirstThenConfigFileWhoseIntervalsWin) {
     EXPECT_EQ(f.agent->customerId, row.customer);
     const LogRecord* failure = log.FindCall("XmlParser::parseFile");
     ASSERT_EQ(failure != nullptr, row.parseFails);
-    if (failure != nullptr) {
-      EXPECT_EQ(failure->importance, APPLOG_ERROR);
-    }
+    if (failure != nullptr) EXPECT_EQ(failure->importance, APPLOG_ERROR);
+    // A missing config file is only worth a warning.
+    const LogRecord* missing = log.Find("Can't open file " + f.agent->configFile);
+    ASSERT_EQ(missing != nullptr, row.config == nullptr);
+    if (missing != nullptr) EXPECT_EQ(missing->importance, APPLOG_WARNING);
   }
 }
 
@@ -70,13 +72,9 @@ TEST(AgentSchedule, FirstDelayIsTheRestOfTheIntervalButNeverUnder600Seconds) {
       {"", 2592000, 600},
       {"abc", 2592000, 600},
       {"0", 2592000, 600},
-      {"1699996400", 2592000, 2592000 - 3600},                                      // an hour ago
-      {"1697408300", 2592000, 600},                                                 // 29 d 23 h 55 min ago
-      {"1696544000", 2592000, 600},                                                 // 40 days ago
-      {"1699999990", 60, 600},                                                      // recent, short interval
-      {"1700003600", 2592000, 2592000},                                             // an hour ahead
-      {"1700003600", 60, 60},                                                       // ahead, short interval
-      {"1700000000x", 7200, 7200},                                                  // strtol stops at the x
+      {"1699999990", 60, 600},     // recent, short interval
+      {"1700003600", 60, 60},      // ahead, short interval
+      {"1700000000x", 7200, 7200},  // strtol stops at the x
       {"5994967296", 7200, 7200},  // now + 2^32: only the low 32 bits count
   };
   SuiteClock::UseSimulated(static_cast<uint32_t>(now));
