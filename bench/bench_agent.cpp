@@ -102,6 +102,26 @@ class RunningService {
 
 // Passes of the loop over `days` idle simulated days after a fresh start: the starter, then only the feedback
 // timer. A loop that wakes only for its timers passes once per expiry, plus the wait it is parked in.
+// Real times of one stop from another thread: StopPhoneHome's own return, and the host thread's StartPhoneHome.
+struct StopTimes {
+  template <typename ServiceT>
+  void Measure(ServiceT& service, benchmark::State& state) {
+    double stopSeconds = 0, returnSeconds = 0;
+    service.Stop(stopSeconds, returnSeconds);
+    state.SetIterationTime(returnSeconds);
+    stopTotal += stopSeconds;
+    returnTotal += returnSeconds;
+    if (returnSeconds > returnMax) returnMax = returnSeconds;
+  }
+  void Report(benchmark::State& state) const {
+    const double n = static_cast<double>(state.iterations());
+    state.counters["stop_call_us"] = n > 0 ? stopTotal / n * 1e6 : 0;
+    state.counters["start_returns_us"] = n > 0 ? returnTotal / n * 1e6 : 0;
+    state.counters["start_returns_max_us"] = returnMax * 1e6;
+  }
+  double stopTotal = 0, returnTotal = 0, returnMax = 0;
+};
+
 void IdleLoopPasses(benchmark::State& state) {
   const uint32_t days = static_cast<uint32_t>(state.range(0));
   uint64_t passes = 0;
@@ -126,7 +146,7 @@ void IdleLoopPasses(benchmark::State& state) {
 // clock (arg 1).
 void StopFromIdle(benchmark::State& state) {
   const bool realClock = state.range(0) == 1;
-  double stopTotal = 0, returnTotal = 0, returnMax = 0;
+  StopTimes times;
   for (auto _ : state) {
     if (realClock) {
       SuiteClock::UseRealTime();
@@ -146,18 +166,10 @@ void StopFromIdle(benchmark::State& state) {
       state.SkipWithError("the service did not reach the hold");
       break;
     }
-    double stopSeconds = 0, returnSeconds = 0;
-    service.Stop(stopSeconds, returnSeconds);
-    state.SetIterationTime(returnSeconds);
-    stopTotal += stopSeconds;
-    returnTotal += returnSeconds;
-    if (returnSeconds > returnMax) returnMax = returnSeconds;
+    times.Measure(service, state);
   }
   SuiteClock::UseRealTime();
-  const double n = static_cast<double>(state.iterations());
-  state.counters["stop_call_us"] = n > 0 ? stopTotal / n * 1e6 : 0;
-  state.counters["start_returns_us"] = n > 0 ? returnTotal / n * 1e6 : 0;
-  state.counters["start_returns_max_us"] = returnMax * 1e6;
+  times.Report(state);
 }
 
 // Real time for a year of the schedule after a fresh start: the starter, then 12 feedback cycles 30 days apart,
@@ -201,7 +213,7 @@ void StopMidPost(benchmark::State& state) {
       handshakeDone = true;
     }
   });
-  double stopTotal = 0, returnTotal = 0, returnMax = 0;
+  StopTimes times;
   for (auto _ : state) {
     SuiteClock::UseSimulated(kStart);
     SuiteClock::HoldAt(kStart + 60);
@@ -228,20 +240,12 @@ void StopMidPost(benchmark::State& state) {
     }
     // Give the request time to be sent and held by the receiver.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    double stopSeconds = 0, returnSeconds = 0;
-    service.Stop(stopSeconds, returnSeconds);
-    state.SetIterationTime(returnSeconds);
-    stopTotal += stopSeconds;
-    returnTotal += returnSeconds;
-    if (returnSeconds > returnMax) returnMax = returnSeconds;
+    times.Measure(service, state);
     receiver.ResetBehaviour();
   }
   CAppLog::SetSink([](const LogRecord&) {});
   SuiteClock::UseRealTime();
-  const double n = static_cast<double>(state.iterations());
-  state.counters["stop_call_us"] = n > 0 ? stopTotal / n * 1e6 : 0;
-  state.counters["start_returns_us"] = n > 0 ? returnTotal / n * 1e6 : 0;
-  state.counters["start_returns_max_us"] = returnMax * 1e6;
+  times.Report(state);
 }
 
 BENCHMARK(IdleLoopPasses)->Arg(90)->Iterations(1)->Unit(benchmark::kMillisecond);
