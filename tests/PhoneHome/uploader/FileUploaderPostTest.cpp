@@ -92,12 +92,9 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     Stop stop = kNoStop;
     std::string url = TlsTestEnv::kPrimaryUrl;
   } rows[] = {
+      // Strict or not, a failure other than an abort is logged and passed on as it is.
       {"status 500, strict", [&] { env.RespondStatus(500); }, true, HTTP_E_STATUS,
        verified + Line('W', kSessionSend, 500) + Line('E', kSendFailed, HTTP_E_STATUS)},
-      {"status 403, not strict", [&] { env.RespondStatus(403); }, false, HTTP_E_STATUS,
-       verified + Line('W', kSessionSend, 403) + Line('E', kSendFailed, HTTP_E_STATUS)},
-      {"closed mid-request, strict", [&] { env.CloseConnection(); }, true, FILEUPLOADER_E_SEND_FAILED,
-       verified + anyCurlCode + Line('E', kSendFailed, FILEUPLOADER_E_SEND_FAILED)},
       {"closed mid-request, not strict", [&] { env.CloseConnection(); }, false, FILEUPLOADER_E_SEND_FAILED,
        verified + anyCurlCode + Line('E', kSendFailed, FILEUPLOADER_E_SEND_FAILED)},
       {"open refused: returned at once", [] {}, true, HTTP_E_INVALID_ARGUMENT,
@@ -115,11 +112,8 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
       // No memory to keep the answer: a failed post, nothing thrown.
       {"answer cannot be kept", [] { SetHttpAnswerAllocationFailure(true); }, true, HTTP_E_TRANSFER_FAILED,
        verified + Line('W', kSessionSend, 23) + Line('E', kSendFailed, HTTP_E_TRANSFER_FAILED)},
-      {"unknown CA", [&] { env.Restart(TestCert::eUnknownCA); }, true, HTTP_E_CERT_REJECTED,
-       refused(CERT_E_UNTRUSTED_ROOT, Line('E', kVerified, CERT_E_UNTRUSTED_ROOT))},
-      // Built with trust mode 0, the uploader refuses even a soft fault.
-      {"wrong host", [&] { env.Restart(TestCert::eWrongHost); }, true, HTTP_E_CERT_REJECTED,
-       refused(CERT_E_HOST_MISMATCH, "")},
+      // Built with trust mode 0, the uploader refuses even a soft fault in the handshake; the decision on each
+      // kind of certificate is its own suite's.
       {"expired", [&] { env.Restart(TestCert::eExpired); }, true, HTTP_E_CERT_REJECTED,
        refused(CERT_E_EXPIRED, "")},
       {"CA file missing",
