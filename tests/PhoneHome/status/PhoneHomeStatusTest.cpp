@@ -24,33 +24,34 @@ TEST(PhoneHomeXmlMgr, ReadsProfiles) {
   // feedback-interval check-interval".
   const std::pair<std::string, const char*> rows[] = {
       {"", "0 1 [] 0 0"},
-      // Any letter case of "true" is true, nothing else is, nothing is trimmed, and the last value counts.
+      // Any letter case of "true" is true, nothing else is, nothing is trimmed, and the last value counts; an
+      // element name in another letter case is no element of the profile.
       {"<ServiceDisable>TRUE</ServiceDisable><IncludeCrashReport>tRuE</IncludeCrashReport>", "1 1 [] 0 0"},
       {"<ServiceDisable>yes</ServiceDisable><IncludeCrashReport>1</IncludeCrashReport>", "0 0 [] 0 0"},
       {"<ServiceDisable> true</ServiceDisable><IncludeCrashReport>true\n</IncludeCrashReport>", "0 0 [] 0 0"},
-      {"<ServiceDisable>true</ServiceDisable><ServiceDisable>false</ServiceDisable>", "0 1 [] 0 0"},
-      {"<servicedisable>true</servicedisable><customerId>x</customerId><FEEDBACKINTERVAL>5</FEEDBACKINTERVAL>",
+      {"<ServiceDisable>true</ServiceDisable><ServiceDisable>false</ServiceDisable>"
+       "<servicedisable>true</servicedisable><customerId>x</customerId><FEEDBACKINTERVAL>5</FEEDBACKINTERVAL>",
        "0 1 [] 0 0"},
       // Intervals: strtol cut to 32 bits; an empty value keeps the earlier one, a blank one is no number.
+      // Values are taken as they stand, blank and empty ones too.
       {"<FeedbackInterval>60</FeedbackInterval><FeedbackInterval>abc</FeedbackInterval>"
-       "<CheckCrashInterval>0x10</CheckCrashInterval>", "0 1 [] 0 0"},
-      {"<FeedbackInterval>86400s</FeedbackInterval><CheckCrashInterval> +42</CheckCrashInterval>", "0 1 [] 86400 42"},
+       "<CheckCrashInterval>0x10</CheckCrashInterval><CustomerID> A&amp;B <![CDATA[<x>]]></CustomerID>",
+       "0 1 [ A&B <x>] 0 0"},
+      {"<FeedbackInterval>86400s</FeedbackInterval><CheckCrashInterval> +42</CheckCrashInterval>"
+       "<CustomerID>x</CustomerID><CustomerID></CustomerID>", "0 1 [] 86400 42"},
       {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval></FeedbackInterval>"
        "<CheckCrashInterval>9</CheckCrashInterval><CheckCrashInterval/>", "0 1 [] 7 9"},
-      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval> </FeedbackInterval>", "0 1 [] 0 0"},
+      {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval> </FeedbackInterval>"
+       "<CheckCrashInterval>99999999999999999999</CheckCrashInterval>", "0 1 [] 0 4294967295"},
       {"<FeedbackInterval>-1</FeedbackInterval><CheckCrashInterval>99999999999</CheckCrashInterval>",
        "0 1 [] 4294967295 1215752191"},
-      {"<CheckCrashInterval>99999999999999999999</CheckCrashInterval>", "0 1 [] 0 4294967295"},
-      // Values are taken as they stand, blank and empty ones too.
-      {"<CustomerID> A&amp;B <![CDATA[<x>]]></CustomerID>", "0 1 [ A&B <x>] 0 0"},
-      {"<CustomerID>x</CustomerID><CustomerID></CustomerID>", "0 1 [] 0 0"},
       {"<ServiceDisable>true</ServiceDisable><ServiceDisable> </ServiceDisable><IncludeCrashReport/>"
        "<CustomerID> </CustomerID>", "0 0 [ ] 0 0"},
       // Only the innermost element is current, any end tag leaves none current, and attributes are ignored.
       {"<FeedbackInterval>5<CustomerID>x</CustomerID>7</FeedbackInterval>", "0 1 [x] 5 0"},
-      {"<FeedbackInterval>5</FeedbackInterval><FeedbackInterval>\n <Days>9</Days>\n</FeedbackInterval>", "0 1 [] 5 0"},
+      {"<FeedbackInterval>5</FeedbackInterval><FeedbackInterval>\n <Days>9</Days>\n</FeedbackInterval>"
+       "<ServiceDisable value=\"true\">false</ServiceDisable>", "0 1 [] 5 0"},
       {"<Profile><Policy><ServiceDisable>true</ServiceDisable></Policy></Profile>", "1 1 [] 0 0"},
-      {"<ServiceDisable value=\"true\">false</ServiceDisable>", "0 1 [] 0 0"},
   };
   TempDir dir;
   for (const auto& [body, expected] : rows) {
@@ -71,17 +72,12 @@ const std::string kFeedbackDir = std::string(OVF_INSTALL_ROOT) + "/CustomerExper
 const std::string kProfile = kFeedbackDir + "/CustomerExperience_Feedback.xml";
 const std::string kPlainName = "Customer Experience Feedback";
 
-// Each test starts without a profile; afterwards the profile and any directory made for it are gone.
+// Each test starts and ends without a feedback directory below the install root.
 class StatusTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    for (m_made = kFeedbackDir; !fs::exists(m_made.parent_path());) m_made = m_made.parent_path();
-    if (fs::exists(m_made)) m_made = kProfile;
-    fs::create_directories(kFeedbackDir);
-  }
-  void TearDown() override { fs::remove_all(m_made); }
+  void SetUp() override { fs::remove_all(kFeedbackDir), fs::create_directories(kFeedbackDir); }
+  void TearDown() override { fs::remove_all(kFeedbackDir); }
   CPhoneHomeStatus m_status;
-  fs::path m_made;  // the outermost directory this test made, else the profile
 };
 
 }  // namespace
