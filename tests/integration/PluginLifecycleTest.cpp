@@ -63,25 +63,23 @@ TEST_F(PluginLifecycle, TableAndTheSlotsAHostCalls) {
   Call<void>(status, 2);
 }
 
-TEST_F(PluginLifecycle, DisabledProfileLeavesTheMarkerForTheOtherModules) {
-  WriteFile(kFeedbackDir / "CustomerExperience_Feedback.xml",
-            "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
-  Service service(m_plugin);
-  // The start returns on the calling thread.
-  EXPECT_EQ(service->StartPhoneHome(), 0);
-  EXPECT_TRUE(fs::exists(kMarker));
-  EXPECT_EQ(fs::file_size(kMarker), 0u);
-  EXPECT_TRUE(m_log.Has("Customer Experience Feedback module is disabled")) << m_log.Dump();
-  EXPECT_EQ(service->IsPhoneHomeRunning(), kNotRunning);
-  // The agent stays marked as running after a disabled start.
-  EXPECT_EQ(service->StartPhoneHome(), 0);
-  EXPECT_TRUE(m_log.Has("Customer Experience Feedback module is already running")) << m_log.Dump();
-}
-
-// A marker left by a disabled run fails the next start once, removing it; the start after that runs the service
-// on the host thread until a stop from another thread.
-TEST_F(PluginLifecycle, AMarkerFailsOneStartThenTheServiceRunsUntilStoppedFromAnotherThread) {
-  WriteFile(kMarker, "");
+// A disabled run leaves an empty marker for the other modules. Once the profile enables the service again, the
+// marker fails the next start once, removing it; the start after that runs the service on the host thread until
+// a stop from another thread. An agent whose start ended early, disabled or failed, stays marked as running.
+TEST_F(PluginLifecycle, ADisabledRunsMarkerFailsOneStartThenTheServiceRunsUntilStoppedFromAnotherThread) {
+  const fs::path profile = kFeedbackDir / "CustomerExperience_Feedback.xml";
+  WriteFile(profile, "<Feedback><ServiceDisable>true</ServiceDisable></Feedback>");
+  {
+    Service disabled(m_plugin);
+    EXPECT_EQ(disabled->StartPhoneHome(), 0);  // returns on the calling thread
+    EXPECT_TRUE(fs::exists(kMarker) && fs::file_size(kMarker) == 0u);
+    EXPECT_TRUE(m_log.Has("Customer Experience Feedback module is disabled")) << m_log.Dump();
+    EXPECT_EQ(disabled->IsPhoneHomeRunning(), kNotRunning);
+    EXPECT_EQ(disabled->StartPhoneHome(), 0);
+    EXPECT_EQ(m_log.Count("Customer Experience Feedback module is already running"), 1u) << m_log.Dump();
+  }
+  fs::remove(profile);
+  m_log.Clear();
   {
     Service failed(m_plugin);
     failed.Start();  // on a thread of its own, so a start that wrongly goes on cannot hold up the test
@@ -90,7 +88,12 @@ TEST_F(PluginLifecycle, AMarkerFailsOneStartThenTheServiceRunsUntilStoppedFromAn
     EXPECT_TRUE(m_log.Has("Failed to remove phoneHome status file")) << m_log.Dump();
     EXPECT_TRUE(m_log.Has("PhoneHomeAgent initialization failed")) << m_log.Dump();
     EXPECT_FALSE(m_log.Has("Starting Customer Experience Feedback module")) << m_log.Dump();
+    failed.Start();
+    EXPECT_EQ(failed.Returned(kBound), 0);
+    EXPECT_EQ(m_log.Count("Customer Experience Feedback module is already running"), 1u) << m_log.Dump();
   }
+  fs::remove(kFeedbackDir / "history");  // the running service's own is looked for at the end
+  m_log.Clear();
   {
     Service service(m_plugin, &m_host);
     ASSERT_TRUE(service.Ok());

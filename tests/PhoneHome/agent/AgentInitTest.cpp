@@ -54,17 +54,6 @@ TEST_F(AgentInit, MakesTheTreeAndTakesTheHistoryOverUnlessTheProfileDisables) {
   }
 }
 
-TEST_F(AgentInit, AStartFailedOnTheMarkerLeavesTheAgentMarkedAsRunning) {
-  fs::create_directories(kBase + "moduledata");
-  WriteFile(kMarker, "");
-  AgentFixture f;
-  LogCapture log;
-  EXPECT_FALSE(f.agent->Start());
-  EXPECT_TRUE(log.Has("Failed to remove phoneHome status file")) << log.Dump();
-  EXPECT_FALSE(f.agent->Start());
-  EXPECT_EQ(log.Count("Customer Experience Feedback module is already running"), 1u) << log.Dump();
-}
-
 TEST_F(AgentInit, ATreeThatCannotBeMadeFailsWithThePath) {
   fs::create_directories(OVF_INSTALL_ROOT);
   WriteFile(kTree, "a file where the feedback directory belongs");
