@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Bencoded.h"
 #include "ExecutionContext.h"
 #include "LogCapture.h"
 #include "PhoneHome/PhoneHomeAgent.h"
@@ -36,15 +37,6 @@ class AgentUnderTest : public CPhoneHomeAgent {
 
   CBencodeList& Level2() { return *static_cast<CBencodeList*>(payload[3]); }
 };
-
-// A bencoded object as the bytes it writes.
-inline std::string Bencoded(CBencode& object) {
-  CBencodeStream stream("", false);
-  if (!object.Externalize(stream)) return "<failed>";
-  std::string text(static_cast<size_t>(stream.Tellp()), '\0');
-  stream.Read(&text[0], text.size());
-  return text;
-}
 
 // An owner service object and an agent of its own beside the owner's, both built without error.
 struct AgentFixture {

@@ -30,12 +30,12 @@ TEST(BencodeList, OwnsItsItemsUntilErased) {
     list.Append(dict);
     ASSERT_TRUE(fresh != nullptr && dict != nullptr);
     EXPECT_TRUE(list[2] == fresh && list[5] == counted[2]);
-    EXPECT_EQ(Serialised(list), "li5e1:a" "lelelele" "de" "e");
+    EXPECT_EQ(Bencoded(list), "li5e1:a" "lelelele" "de" "e");
 
     EXPECT_TRUE(list.Remove(3) && g_deaths == 1);
     CBencode* taken = list[3];
     EXPECT_TRUE(list.Erase(3) && list[3] == counted[2]);
-    EXPECT_EQ(Serialised(*taken), "le");  // still alive, now the caller's
+    EXPECT_EQ(Bencoded(*taken), "le");  // still alive, now the caller's
     delete taken;
     EXPECT_EQ(g_deaths, 2);
 
@@ -66,7 +66,7 @@ TEST(BencodeDictionary, KeyedAccessReplacesAndCreates) {
   CBencodeDictionary* sub = nullptr;
   EXPECT_TRUE(!dict.Get("n", sub, true) && dict.Get("d", sub, true));
   ExpectLogged(log, "Dictionary item is not a dictionary");
-  EXPECT_EQ(Serialised(dict), "d1:dde1:lle3:maxi9223372036854775807e1:ni10ee");
+  EXPECT_EQ(Bencoded(dict), "d1:dde1:lle3:maxi9223372036854775807e1:ni10ee");
 
   dict.Insert("c", new CountedList);
   EXPECT_TRUE(dict.Insert("c", "s\0t"s));
@@ -80,7 +80,7 @@ TEST(BencodeDictionary, KeyedAccessReplacesAndCreates) {
   EXPECT_TRUE(dict.GetContentType("l", type) && type == CBencode::eList && !dict.GetContentType("absent", type));
   EXPECT_TRUE(dict.Remove("l") && !dict.Remove("l"));
   dict.Insert("null", static_cast<CBencode*>(nullptr));
-  EXPECT_TRUE(!dict.Get("null", number) && Serialised(dict) == "<failed>");
+  EXPECT_TRUE(!dict.Get("null", number) && Bencoded(dict) == "<failed>");
   ExpectLogged(log, "Dictionary item is NULL");
 
   // A child that does not write fails its parents, each with its own line.
@@ -89,7 +89,7 @@ TEST(BencodeDictionary, KeyedAccessReplacesAndCreates) {
   outer.Append(inner);
   inner->Insert("k", new CBencode(CBencode::eList));  // the list's tag, but a plain value
   log.Clear();
-  EXPECT_EQ(Serialised(outer), "<failed>");
+  EXPECT_EQ(Bencoded(outer), "<failed>");
   ExpectOnlyLogged(log, {"Failed to externalize value", "Failed to externalize list item"});
 }
 
@@ -130,7 +130,7 @@ TEST(BencodeContainers, TreesMoveBetweenThreads) {
     std::vector<std::unique_ptr<CBencode>> batch = std::move(handed);
     handed.clear();
     lock.unlock();
-    for (std::unique_ptr<CBencode>& each : batch) EXPECT_EQ(Serialised(*each), text);
+    for (std::unique_ptr<CBencode>& each : batch) EXPECT_EQ(Bencoded(*each), text);
     dropped += batch.size();
   }
   producer.join();

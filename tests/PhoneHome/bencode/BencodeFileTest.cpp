@@ -56,12 +56,12 @@ TEST_F(BencodeFile, LoadCutsAtZeroByteAndFlushWritesTheOldTail) {
   EXPECT_TRUE(result == kOk && list.Remove(1) && list.Externalize(true) == kOk);
   EXPECT_EQ(TempDir::Read(path), "li100ee200ee");  // the loaded text's tail stays behind the new value
   CBencodeList reread(path, result, false);
-  EXPECT_EQ(Serialised(reread), "li100ee");
+  EXPECT_EQ(Bencoded(reread), "li100ee");
   EXPECT_EQ(list.Externalize(true), kOk);
   EXPECT_EQ(TempDir::Read(path), "li100ee");
 
   // An empty file loads as success and leaves the content as it was.
-  EXPECT_TRUE(truncate(path.c_str(), 0) == 0 && reread.Internalize() == kOk && Serialised(reread) == "li100ee");
+  EXPECT_TRUE(truncate(path.c_str(), 0) == 0 && reread.Internalize() == kOk && Bencoded(reread) == "li100ee");
 
   // A new name rebinds the same stream, for loads and flushes alike (the name ends at a zero byte).
   CBencodeDictionary dict(dir.Write("first", "d1:ai1ee"), result, false);
@@ -85,7 +85,7 @@ TEST_F(BencodeFile, SpoolHandsOverOrKeepsASideFile) {
   EXPECT_EQ(flush(producer), "0|d1:ai1ee|d1:bi2ee|1");  // not taken yet: kept beside it for the next flush
 
   CBencodeDictionary restarted(named, result, true);  // loads the side file
-  EXPECT_EQ(Serialised(restarted), "d1:bi2ee");
+  EXPECT_EQ(Bencoded(restarted), "d1:bi2ee");
   restarted.Insert("c", 3L);
   int const holder = open(side.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
@@ -117,7 +117,7 @@ TEST_F(BencodeFile, FailuresReturnTheirCodeLogOnceAndKeepTheBuffer) {
   std::string const big = dir.Write("big", "li7ee");
   ASSERT_EQ(truncate(big.c_str(), CBencodeStream::sm_iMaxFileSize), 0);
   CBencodeList fits(big, result, false);  // exactly at the size limit
-  EXPECT_TRUE(result == kOk && Serialised(fits) == "li7ee");
+  EXPECT_TRUE(result == kOk && Bencoded(fits) == "li7ee");
   ASSERT_EQ(truncate(big.c_str(), CBencodeStream::sm_iMaxFileSize + 1), 0);
   EBencodeResult const kError = eBencodeError, kTooBig = eBencodeIllegalData, kLocked = eBencodeLockError;
   struct Row {
@@ -208,10 +208,10 @@ TEST_F(BencodeFile, NestingIsBoundedAndAnyTreeCanBeDropped) {
       EBencodeResult again = eBencodeError;
       std::unique_ptr<CBencode> deepest = load(Nested(limit, kinds), result), twin = load(Nested(limit, kinds), again);
       EXPECT_TRUE(result == kOk && again == kOk && *deepest == *twin);
-      EXPECT_EQ(Serialised(*deepest), Nested(limit, kinds));
+      EXPECT_EQ(Bencoded(*deepest), Nested(limit, kinds));
 
       LogCapture log;
-      EXPECT_EQ(Serialised(*load(Nested(limit + 1, kinds), result)), kinds[0] == 'l' ? "le" : "de");
+      EXPECT_EQ(Bencoded(*load(Nested(limit + 1, kinds), result)), kinds[0] == 'l' ? "le" : "de");
       EXPECT_EQ(result, eBencodeIllegalData);
       ExpectLogged(log, kinds[limit % kinds.size()] == 'l' ? "Failed to internalize list type identifier"
                                                            : "Failed to internalize dictionary type identifier");
@@ -229,7 +229,7 @@ TEST_F(BencodeFile, NestingIsBoundedAndAnyTreeCanBeDropped) {
     };
     CBencodeList fits(false), deep(false), twin(false);
     build(fits, limit), build(deep, 200000), build(twin, 200000);
-    EXPECT_EQ(Serialised(fits), Nested(limit, "ld"));
+    EXPECT_EQ(Bencoded(fits), Nested(limit, "ld"));
     LogCapture log;
     EXPECT_FALSE(deep == twin);
     deep.SetBencodeFileName(dir.File("deep"));

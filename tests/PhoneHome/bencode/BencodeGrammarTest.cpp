@@ -63,7 +63,7 @@ TEST(BencodeGrammar, ValuesReadLenientlyAndWriteCanonically) {
     std::unique_ptr<CBencode> value = Parsed(Previous(row.after[0]));
     LogCapture log;
     EXPECT_EQ(Parse(*value, row.input), row.ok);
-    EXPECT_EQ(Serialised(*value), row.after);
+    EXPECT_EQ(Bencoded(*value), row.after);
     ExpectOnlyLogged(log, row.messages);
   }
 }
@@ -114,7 +114,7 @@ TEST(BencodeGrammar, ScalarOperationsCheckTypeAndRange) {
   ExpectLogged(log, "Bencode is not of type integer");
   ExpectLogged(log, "Bencode is not of type string");
 
-  EXPECT_TRUE(!(list == CBencode(CBencode::eList)) && Serialised(list) == "<failed>");
+  EXPECT_TRUE(!(list == CBencode(CBencode::eList)) && Bencoded(list) == "<failed>");
   ExpectLogged(log, "Unexpected Bencode type");
 }
 

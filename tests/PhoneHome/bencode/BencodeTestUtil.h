@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Bencoded.h"
 #include "LogCapture.h"
 #include "PhoneHome/Bencode.h"
 
@@ -26,15 +27,6 @@ inline std::unique_ptr<CBencode> Parsed(std::string const& text) {
                                   : text[0] == 'd' ? new CBencodeDictionary(false) : new CBencode(scalar));
   EXPECT_TRUE(Parse(*value, text)) << text;
   return value;
-}
-
-// What Externalize(stream) writes for `value`, or "<failed>".
-inline std::string Serialised(CBencode& value) {
-  CBencodeStream stream("", false);
-  if (!value.Externalize(stream)) return "<failed>";
-  std::string text(static_cast<size_t>(stream.Tellp()), '\0');
-  stream.Read(&text[0], text.size());
-  return text;
 }
 
 // The unit logged `text` as a message at error importance.
