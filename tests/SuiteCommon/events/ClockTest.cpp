@@ -1,16 +1,13 @@
-// The clock's three modes, and a loop shaped like the feedback agent's running months of schedule under a hold.
+// The clock's three modes. How a loop parks at a hold, with every timer due by then run, is seen where the
+// feedback agent's own loop runs weeks of its schedule (tests/integration).
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "Clock.h"
 #include "EventList.h"
-#include "TimerList.h"
 
 using namespace std::chrono_literals;
 
@@ -18,41 +15,10 @@ namespace {
 
 constexpr uint32_t kStart = 1700000000;
 constexpr uint32_t kDay = 86400;
-constexpr uint32_t kInterval = 30 * kDay;
-using Fired = std::vector<std::pair<unsigned long, uint32_t>>;  // timer id, clock seconds
 
 class RuntimeClock : public ::testing::Test {
  protected:
   void TearDown() override { SuiteClock::UseRealTime(); }
-};
-
-// The agent's loop: starter timer 2 after 5 minutes, feedback timer 3 after 10 minutes and then every 30 days,
-// a wake-up event for stop.
-struct Loop : ITimerCB, IEventCB {
-  CTimerList timers;
-  CEventList events;
-  long err = -1;
-  CTimer starter{err, &timers, this, nullptr, 2}, feedback{err, &timers, this, nullptr, 3};
-  CCEvent wakeup{err, &events, EVENT_TYPE_AUTO_RESET, this, nullptr, 1, 0, -1, nullptr};
-  std::atomic<bool> stop{false};
-  Fired fired;  // read only while the loop is parked (the clock's lock orders it) or joined
-
-  void OnTimerExpired(void*, unsigned long id) override {
-    fired.emplace_back(id, GetCurrentTimeSeconds());
-    if (id == 3) feedback.StartTimer(kInterval * 1000);
-  }
-  void OnEventSignaled(void*, unsigned long) override {}
-  long Run() {
-    starter.StartTimer(300000);
-    feedback.StartTimer(600000);
-    for (;;) {
-      unsigned int wait = 0;
-      if (timers.TimeToExpired(wait) != 0) wait = 86400;
-      long rc = events.WaitOnEvents(wait, true);
-      if (rc != 0 && rc != EVT_E_TIMEOUT) return rc;
-      if ((rc = timers.CheckExpired()) != 0 || stop) return rc;
-    }
-  }
 };
 
 }  // namespace
@@ -103,34 +69,4 @@ TEST_F(RuntimeClock, SimulatedTimeMovesOnlyThroughWaitsAndStopsAtTheHold) {
     EXPECT_FALSE(SuiteClock::WaitUntilParked(30ms)) << simulated;
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms) << simulated;
   }
-}
-
-TEST_F(RuntimeClock, LoopRunsMonthsOfScheduleUpToEachHold) {
-  SuiteClock::UseSimulated(kStart);
-  ASSERT_TRUE(SuiteClock::HoldAt(kStart + 65 * kDay));
-  Loop loop;
-  ASSERT_EQ(loop.err, 0);
-  long result = -1;
-  std::thread worker([&] { result = loop.Run(); });
-
-  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
-  EXPECT_EQ(GetCurrentTimeSeconds(), kStart + 65 * kDay);
-  Fired expected = {{2, kStart + 300}, {3, kStart + 600}, {3, kStart + 600 + kInterval},
-                    {3, kStart + 600 + 2 * kInterval}};
-  EXPECT_EQ(loop.fired, expected);
-  // One pass of the loop per expiry, and the wait that is parked now: the clock never wakes an idle loop.
-  EXPECT_EQ(loop.events.GetWaitCount(), expected.size() + 1);
-
-  // A hold on the very moment a timer is due: it has run by the time the loop parks.
-  const uint32_t hold = kStart + 600 + 3 * kInterval;
-  ASSERT_TRUE(SuiteClock::HoldAt(hold));
-  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
-  expected.emplace_back(3, hold);
-  EXPECT_EQ(loop.fired, expected);
-
-  loop.stop = true;
-  loop.wakeup.SetEvent(false);  // reaches the parked loop without moving time
-  worker.join();
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(GetCurrentTimeSeconds(), hold);
 }
