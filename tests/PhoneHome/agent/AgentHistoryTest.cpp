@@ -17,16 +17,13 @@ TEST(AgentHistory, KeyValueLinesFollowTheFileRules) {
     const char* text;
     Map expected;
   } rows[] = {
-      {"Last_Post:5\nLAST_FEEDBACK:6", {{"last_post", "5"}, {"last_feedback", "6"}}},
-      {" last_post:5\n", {{" last_post", "5"}}},  // a leading blank stays in the key
-      {"last_post:12:34\n", {{"last_post", "12:34"}}},
-      {"a:1\r\nb:2\r\n", {{"a", "1"}, {"b", "2"}}},
-      {"k:x\ry\n", {{"k", "x"}}},
-      {"k: v \n", {{"k", " v "}}},
-      {"# k:1\n\nno colon\n:x\n", {{"", "x"}}},
-      {" #k:1\n", {{" #k", "1"}}},
-      {"k:1\nK:2\nk:3\nk:4", {{"k", "4"}}},
-      {"k:\n", {{"k", ""}}},
+      // Keys fold to lower case, but a leading blank stays in the key; a later line wins; no last line feed needed.
+      {"Last_Post:5\n last_post:6\nk:1\nK:2\nLAST_FEEDBACK:7", {{"last_post", "5"}, {" last_post", "6"}, {"k", "2"},
+                                                               {"last_feedback", "7"}}},
+      // A value runs to the first carriage return or line feed, holds further colons and is not trimmed.
+      {"a:1\r\nb:x\ry\nc:12:34\nd: v \ne:\n", {{"a", "1"}, {"b", "x"}, {"c", "12:34"}, {"d", " v "}, {"e", ""}}},
+      // Comments ("#" first), empty lines and lines without a colon are skipped; an empty key is a key.
+      {"# k:1\n\nno colon\n:x\n #k:1\n", {{"", "x"}, {" #k", "1"}}},
       {"", {}},
   };
   for (const Row& row : rows) {
