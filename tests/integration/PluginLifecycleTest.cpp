@@ -44,9 +44,12 @@ TEST_F(PluginLifecycle, TableAndTheSlotsAHostCalls) {
   ASSERT_NE(service, nullptr);
   const struct { void* object; const char* id; unsigned int version; bool supported; } supports[] = {
       {service, kFeedbackId, 1, true}, {service, kFeedbackId, 2, false}, {service, kStatusId, 1, false},
-      {status, kStatusId, 1, true},    {status, kFeedbackId, 1, false}};
+      {status, kStatusId, 1, true},    {status, kStatusId, 0, false},    {status, kStatusId, 2, false},
+      {status, kFeedbackId, 1, false}, {status, "com.velmar.orvane.component.Status", 1, false},
+      {status, "", 1, false},          {status, nullptr, 1, false}};
   for (const auto& row : supports) {
-    EXPECT_EQ(Call<bool>(row.object, 0, row.id, row.version), row.supported) << row.id << ' ' << row.version;
+    EXPECT_EQ(Call<bool>(row.object, 0, row.id, row.version), row.supported)
+        << (row.id ? row.id : "null") << ' ' << row.version;
   }
   EXPECT_EQ(Call<unsigned int>(service, 5), kNotRunning);                           // IsPhoneHomeRunning
   EXPECT_EQ(Call<long>(service, 6, static_cast<IPhoneHomePluginCB*>(nullptr)), -6);  // SetPhoneHomePluginCB

@@ -1,5 +1,6 @@
 // The profile reader over real files, the component status over the real profile path below the install root,
-// and the marker-file test.
+// and the marker-file test. Which interface the status object supports is asked through its slot, as a host asks
+// (tests/integration).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -135,7 +136,7 @@ TEST_F(StatusTest, EnabledFollowsServiceDisableAndFailuresKeepTheDefaults) {
   }
 }
 
-TEST_F(StatusTest, DisplayNameReportsTheSizeItNeedsAndOnlyStatusV1IsSupported) {
+TEST_F(StatusTest, DisplayNameReportsTheSizeItNeeds) {
   const unsigned long needed = kPlainName.size() + 1;
   char buffer[64];
   for (auto [to, capacity] : {std::pair<char*, unsigned long>{nullptr, 1000}, {buffer, needed - 1}, {buffer, needed}}) {
@@ -146,14 +147,6 @@ TEST_F(StatusTest, DisplayNameReportsTheSizeItNeedsAndOnlyStatusV1IsSupported) {
     // Written only when it fits, and nothing past the terminator.
     EXPECT_EQ(std::string(buffer, needed + 1),
               capacity == needed ? kPlainName + '\0' + 'Z' : std::string(needed + 1, 'Z'));
-  }
-
-  EXPECT_TRUE(m_status.SupportsInterface("com.velmar.orvane.component.status", 1));
-  EXPECT_FALSE(m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 0) ||
-               m_status.SupportsInterface(PHONEHOME_STATUS_INTERFACE_ID, 2));
-  for (const char* id : {"com.velmar.orvane.service.customer.feedback", "com.velmar.orvane.component.Status", "",
-                         static_cast<const char*>(nullptr)}) {
-    EXPECT_FALSE(m_status.SupportsInterface(id, 1)) << (id ? id : "null");
   }
 }
 
