@@ -94,7 +94,9 @@ TEST_F(AgentPost, WalkStopsAtTheFirstFailureAndArmsTheRetryOnlyWhenAsked) {
     for (const char* name : {"feedback_data1.cef", "feedback_data2.cef", "threat_report3.cef"}) {
       m_dir.Write(std::string("out/") + name, name);
     }
-    // The first file the walk meets is taken (answered 200 but not stored); both servers refuse the second.
+    // The primary refuses the first file the walk meets and the secondary takes it (answered 200, so not
+    // stored); both servers refuse the second.
+    m_env.RespondStatus(503);
     m_env.RespondStatus(200);
     m_env.RespondStatus(503, 2);
     EXPECT_TRUE(a.ScanAndPostFile(retrySeconds));
