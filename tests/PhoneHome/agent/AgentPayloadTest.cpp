@@ -26,15 +26,14 @@ std::string Int(uint64_t value) { return "i" + std::to_string(value) + "e"; }
 // Each test builds on the simulated clock at kStart, with the environment naming the C.UTF-8 locale while the
 // process itself stays in "C". Neither agent is started, so the two of them (the plug-in's own and the one
 // under test) share execution context 3 without a loop to compete for.
-class AgentPayload : public ::testing::Test {
+class AgentPayload : public AgentOverDir {
  protected:
   void SetUp() override {
     SuiteClock::UseSimulated(kStart);
     setlocale(LC_ALL, "C");
     setenv("LC_ALL", "C.UTF-8", 1);
-    ASSERT_EQ(m_ownerErr, 0);
-    ASSERT_EQ(m_err, 0);
-    m_agent.machineId = kMachineId;
+    AgentOverDir::SetUp();
+    a.machineId = kMachineId;
   }
   void TearDown() override {
     unsetenv("LC_ALL");
@@ -48,13 +47,6 @@ class AgentPayload : public ::testing::Test {
            Str("OSName") + Str("Linux") + Str("OSType") + Str(os.type) + Str("OSVersionDetails") + Str(os.details) +
            "e";
   }
-
-  // Outlives both agents: an agent that was never started has no history file to write and says so.
-  LogCapture m_quiet;
-  long m_ownerErr = -1;
-  CPhoneHomePlugin m_owner{m_ownerErr};
-  long m_err = -1;
-  AgentUnderTest m_agent{m_err, m_owner};
 };
 
 }  // namespace
@@ -72,12 +64,12 @@ TEST_F(AgentPayload, TreeIsExactlyTheHeaderWithOptionalKeysLeftOutWhenEmpty) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    m_agent.udid = row.udid;
-    m_agent.customerId = row.customerId;
-    m_agent.dnsHash = row.dnsHash;
-    m_agent.lastReportedTime = 0;
+    a.udid = row.udid;
+    a.customerId = row.customerId;
+    a.dnsHash = row.dnsHash;
+    a.lastReportedTime = 0;
     LogCapture log;
-    ASSERT_TRUE(m_agent.InitPhoneHomePayload()) << log.Dump();
+    ASSERT_TRUE(a.InitPhoneHomePayload()) << log.Dump();
 
     // A first report ever covers no time: start and end are the same second.
     const std::string expected =
@@ -90,7 +82,7 @@ TEST_F(AgentPayload, TreeIsExactlyTheHeaderWithOptionalKeysLeftOutWhenEmpty) {
           "e"
         "e"
         "e";
-    EXPECT_EQ(Bencoded(m_agent.payload), expected);
+    EXPECT_EQ(Bencoded(a.payload), expected);
     EXPECT_TRUE(log.Records().empty()) << log.Dump();
     // The process keeps its own locale; only the environment's was looked at.
     EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
@@ -110,34 +102,34 @@ TEST_F(AgentPayload, PeriodsFollowEachOtherAcrossBuildsAndUpdates) {
       {kStart + 2000, false, kStart + 2000, kStart + 2000},  // a second file in the same second
       {kStart + 9000, false, kStart + 2000, kStart + 9000},
   };
-  m_agent.lastReportedTime = kStart - 5000;
+  a.lastReportedTime = kStart - 5000;
   for (const Step& step : steps) {
     SCOPED_TRACE(step.at - kStart);
     ASSERT_TRUE(SuiteClock::AdvanceBy(std::chrono::seconds(step.at - GetCurrentTimeSeconds())));
     ASSERT_EQ(GetCurrentTimeSeconds(), step.at);
     if (step.rebuild) {
-      ASSERT_TRUE(m_agent.InitPhoneHomePayload());
+      ASSERT_TRUE(a.InitPhoneHomePayload());
     } else {
-      ASSERT_TRUE(m_agent.UpdateLevel2Payload(m_agent.Level2()));
+      ASSERT_TRUE(a.UpdateLevel2Payload(a.Level2()));
     }
     long start = 0, end = 0;
-    ASSERT_TRUE(m_agent.Level2()[0]->Get(start));
-    ASSERT_TRUE(m_agent.Level2()[1]->Get(end));
+    ASSERT_TRUE(a.Level2()[0]->Get(start));
+    ASSERT_TRUE(a.Level2()[1]->Get(end));
     EXPECT_EQ(start, static_cast<long>(step.start));
     EXPECT_EQ(end, static_cast<long>(step.end));
-    EXPECT_EQ(m_agent.lastReportedTime, step.end);
+    EXPECT_EQ(a.lastReportedTime, step.end);
     // The quality dictionary is the one inside the tree now, never the one a rebuild freed.
-    CBencodeDictionary* level3 = static_cast<CBencodeDictionary*>(m_agent.Level2()[2]);
+    CBencodeDictionary* level3 = static_cast<CBencodeDictionary*>(a.Level2()[2]);
     CBencodeDictionary* quality = nullptr;
     ASSERT_TRUE(level3->Get("QualityImprovementData", quality, false));
-    EXPECT_EQ(m_agent.qualityDict, quality);
+    EXPECT_EQ(a.qualityDict, quality);
   }
 }
 
 TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
   CBencodeList level2(false);
   LogCapture log;
-  EXPECT_FALSE(m_agent.UpdateLevel2Payload(level2));
+  EXPECT_FALSE(a.UpdateLevel2Payload(level2));
   const LogRecord* record = log.Find("Failed to update timestamp of the last report sent");
   ASSERT_NE(record, nullptr) << log.Dump();
   EXPECT_EQ(record->file, "PhoneHomeAgent");
@@ -145,10 +137,10 @@ TEST_F(AgentPayload, UpdateOfATreeWithoutTimestampsFails) {
 
   // Only the start there: the period is still closed at the current time before the end is found missing.
   ASSERT_TRUE(level2.Append(1L));
-  m_agent.lastReportedTime = kStart - 60;
-  EXPECT_FALSE(m_agent.UpdateLevel2Payload(level2));
+  a.lastReportedTime = kStart - 60;
+  EXPECT_FALSE(a.UpdateLevel2Payload(level2));
   EXPECT_TRUE(log.Has("Failed to update timestamp of the current report sent")) << log.Dump();
-  EXPECT_EQ(m_agent.lastReportedTime, kStart);
+  EXPECT_EQ(a.lastReportedTime, kStart);
 }
 
 TEST(AgentIdentity, MachineIdIsTheSha1OfTheDeviceIdAndTheUdidDeviceInfos) {
