@@ -103,7 +103,7 @@ TEST_F(FeedbackCycle, FreshInstallFirstAndNextCycle) {
       }
       EXPECT_TRUE(Outbound().empty());
     }
-    const std::string history = "\n" + ReadFile(kFeedbackDir / "history");
+    const std::string history = "\n" + TempDir::Read(kFeedbackDir / "history");
     const std::string last = std::to_string(kFirstFeedbackAt + kInterval);
     for (const std::string& line :
          {std::string("last_sequence_number:3"), "last_feedback:" + last, "last_post:" + last}) {
@@ -208,7 +208,7 @@ TEST_F(FeedbackCycle, AStopDuringAPostEndsTheLoopAndKeepsTheFile) {
     }
     EXPECT_EQ(m_env.Posts().size(), postsBefore) << m_log.Dump();
     EXPECT_EQ(Outbound(), std::vector<std::string>{"feedback_data3.cef"});
-    EXPECT_EQ(ReadFile(kOutbound / "feedback_data3.cef"), "d4:keepi1ee");
+    EXPECT_EQ(TempDir::Read(kOutbound / "feedback_data3.cef"), "d4:keepi1ee");
     m_env.ResetBehaviour();
   }
 }

@@ -27,6 +27,7 @@
 #include "IPhoneHomePluginCB.h"
 #include "LogCapture.h"
 #include "Plugin.h"
+#include "TempDir.h"
 
 namespace harness {
 
@@ -51,11 +52,6 @@ inline const fs::path kModuleDir = kFeedbackDir / "moduledata";
 inline void WriteFile(const fs::path& path, const std::string& bytes) {
   fs::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary) << bytes;
-}
-
-inline std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline std::vector<std::string> Outbound() {
