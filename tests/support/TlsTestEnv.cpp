@@ -58,9 +58,8 @@ bool PollFor(std::chrono::seconds limit, Done done) {
 
 }  // namespace
 
-TlsTestEnv::TlsTestEnv(TestCert cert, const std::vector<std::string>& hosts)
-    : hosts_(hosts),
-      storeDir_(dir_.File("store")),
+TlsTestEnv::TlsTestEnv(TestCert cert)
+    : storeDir_(dir_.File("store")),
       savedCAFile_(SuiteRuntime::GetTrustedCAFile()),
       savedConnectTo_(SuiteRuntime::GetConnectTo()) {
   if (mkdir(storeDir_.c_str(), 0755) != 0) Fail("cannot create " + storeDir_);
@@ -76,7 +75,6 @@ TlsTestEnv::~TlsTestEnv() {
 }
 
 std::string TlsTestEnv::CAFile() { return PkiFile(TestPki::kCAFile); }
-std::string TlsTestEnv::KeyFile() { return PkiFile(TestPki::kServerKeyFile); }
 std::string TlsTestEnv::CertFile(TestCert cert) {
   const char* const names[] = {TestPki::kServerCertFile, TestPki::kWrongHostFile, TestPki::kExpiredFile,
                                TestPki::kUnknownCAFile, TestPki::kWildcardFile};  // in TestCert's order
@@ -94,7 +92,8 @@ void TlsTestEnv::Start(TestCert cert) {
   std::string receiver = OVF_RECEIVER_PATH;
   if (receiver.empty() || access(receiver.c_str(), X_OK) != 0) Fail("receiver binary not found at '" + receiver + "'");
   std::string portFile = dir_.File("port-" + std::to_string(++starts)), logFile = dir_.File("receiver.log"),
-              certFile = CertFile(cert), keyFile = KeyFile(), port = "0", exit = "--exit-with-parent";
+              certFile = CertFile(cert), keyFile = PkiFile(TestPki::kServerKeyFile), port = "0",
+              exit = "--exit-with-parent";
   std::string options[] = {"--cert", "--key", "--store", "--port", "--port-file"};
   char* argv[] = {receiver.data(), options[0].data(), certFile.data(), options[1].data(), keyFile.data(),
                   options[2].data(), storeDir_.data(), options[3].data(), port.data(), options[4].data(),
@@ -138,7 +137,7 @@ void TlsTestEnv::Stop() {
 
 void TlsTestEnv::MapHosts() {
   std::vector<std::string> entries = SuiteRuntime::GetConnectTo();
-  for (const std::string& host : hosts_) {
+  for (const std::string host : {kPrimaryHost, kSecondaryHost}) {
     const std::string prefix = host + ":443:";
     entries.erase(std::remove_if(entries.begin(), entries.end(),
                                  [&](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; }),

@@ -36,13 +36,11 @@ class TlsTestEnv {
   // What the receiver answers to an accepted post unless told otherwise.
   static constexpr const char* kAcceptAnswer = "OK";
 
-  // Starts a receiver presenting `cert`, makes the test CA the runtime's trusted CA file and maps each of
-  // `hosts` (port 443) to the receiver in the runtime's connect-to list; entries for other hosts are kept, so
-  // two environments can serve the primary and the secondary host with different certificates. The
+  // Starts a receiver presenting `cert`, makes the test CA the runtime's trusted CA file and maps both feedback
+  // hosts (port 443) to the receiver in the runtime's connect-to list; entries for other hosts are kept. The
   // certificates are generated once per process, so every environment shares the same test CA.
   // Throws std::runtime_error when the receiver does not come up.
-  explicit TlsTestEnv(TestCert cert = TestCert::eTrusted,
-                      const std::vector<std::string>& hosts = {kPrimaryHost, kSecondaryHost});
+  explicit TlsTestEnv(TestCert cert = TestCert::eTrusted);
   // Stops the receiver and restores the CA file and connect-to list found at construction.
   ~TlsTestEnv();
   TlsTestEnv(const TlsTestEnv&) = delete;
@@ -56,7 +54,6 @@ class TlsTestEnv {
   // PEM files of the shared test certificates.
   static std::string CAFile();
   static std::string CertFile(TestCert cert);
-  static std::string KeyFile();
   // Directory where the receiver stores accepted posts ("post-NNNNNN.bin" plus a ".meta" sidecar).
   const std::string& StoreDir() const { return storeDir_; }
 
@@ -82,7 +79,6 @@ class TlsTestEnv {
   void Control(const std::string& command) const;
   void MapHosts();
 
-  std::vector<std::string> hosts_;
   TempDir dir_;
   std::string storeDir_;
   pid_t pid_ = -1;
