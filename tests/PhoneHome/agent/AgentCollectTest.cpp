@@ -47,14 +47,15 @@ class AgentCollect : public AgentOverDir {
 
 TEST_F(AgentCollect, ModuleStatusRules) {
   const std::string kDomainHash = "a9993e364706816aba3e25717850c26c9cd0d89d";  // SHA-1 of "abc"
+  // files: per key, "" absent, "#text" locked, else the file's text; stored: "ModuleData" afterwards; removed:
+  // per key whose file exists; message: the start of the one line logged.
   struct Row {
     const char* name;
     std::string module;
-    std::vector<std::string> keys;
-    std::vector<std::string> files;  // per key: "" absent, "#text" locked, else the file's text
+    std::vector<std::string> keys, files;
     int rc;
-    std::string stored;              // "ModuleData" afterwards
-    std::vector<bool> removed;       // per key whose file exists
+    std::string stored;
+    std::vector<bool> removed;
     std::string dnsHash;
     const char* message;
   } rows[] = {

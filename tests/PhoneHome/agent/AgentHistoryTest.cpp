@@ -66,8 +66,7 @@ TEST(AgentHistory, LoadedValuesAreCheckedAndAVersionChangeForgetsTheTimes) {
   const std::string versionMessage = std::string("Orvane version changed, current version is ") + OVF_BUILD_VERSION + ".";
   struct Row {
     Map history;
-    unsigned int sequenceNumber;
-    unsigned int lastReportedTime;
+    unsigned int sequenceNumber, lastReportedTime;
     std::string expectedLog;  // the one error or warning logged
     bool cleared;
   } rows[] = {

@@ -52,9 +52,8 @@ TEST_F(AgentPost, BodyZipFlagAndSizeLimit) {
   struct Row {
     const char* name;
     const std::string& file;
-    bool compress, posted;
-    bool zipped;           // the posted body is zlib data of the file
-    const char* message;   // the one line the agent logs, if any
+    bool compress, posted, zipped;  // zipped: the posted body is zlib data of the file
+    const char* message;            // the one line the agent logs, if any
   } rows[] = {
       {"empty file", "", false, true, false, nullptr},
       {"exactly 16 MiB", limit, false, true, false, nullptr},

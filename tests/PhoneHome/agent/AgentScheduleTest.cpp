@@ -11,10 +11,8 @@
 
 TEST(AgentSettings, ProfileFirstThenConfigFileWhoseIntervalsWin) {
   struct Row {
-    const char* profile;  // inside <Feedback>; null: no profile
-    const char* config;   // null: no config file
-    unsigned int feedback;
-    unsigned int crash;
+    const char *profile, *config;  // the profile inside <Feedback>, the config file; null: none
+    unsigned int feedback, crash;
     bool disabled;
     const char* customer;
     bool parseFails;
@@ -65,8 +63,7 @@ TEST(AgentSchedule, FirstDelayIsTheRestOfTheIntervalButNeverUnder600Seconds) {
   const long now = 1700000000;
   struct Row {
     const char* last;  // null: no history entry
-    unsigned int interval;
-    unsigned int expected;
+    unsigned int interval, expected;
   } rows[] = {
       {nullptr, 2592000, 600},
       {"", 2592000, 600},

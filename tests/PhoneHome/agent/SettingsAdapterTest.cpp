@@ -38,9 +38,7 @@ TEST(SettingsAdapter, KeyLimitsValuesOfAnyLengthAndNullArguments) {
   const std::string key256(256, 'k'), key257(257, 'k'), value5000(5000, 'v');
   const char* const kNull = nullptr;
   struct Row {
-    const char* name;
-    const char* key;
-    const char* value;  // null with isInteger: the integer form
+    const char *name, *key, *value;  // value null with isInteger: the integer form
     bool isInteger;
     std::string stored;   // the dictionary afterwards
     const char* message;  // the one error logged on refusal
