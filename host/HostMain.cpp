@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <thread>
@@ -97,7 +98,9 @@ int ParseOptions(int argc, char** argv, Options& options) {
   app.add_option("--ca-file", options.caFile,
                  "PEM file of CA certificates trusted instead of the system store for the feedback servers")
       ->type_name("FILE")
-      ->check(CLI::ExistingFile);
+      ->check([](const std::string& path) {
+        return access(path.c_str(), R_OK) == 0 ? std::string() : "cannot read " + path + ": " + strerror(errno);
+      });
   app.add_option("--connect-to", options.connectTo,
                  "HOST:PORT:ADDR:PORT: connect to ADDR:PORT for HOST:PORT, keeping HOST for TLS; repeatable")
       ->type_name("HOST:PORT:ADDR:PORT")

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -179,6 +180,14 @@ TEST_F(HostProcess, StatusReportsTheProfileAndWritesNothing) {
     EXPECT_EQ(Listing(kFeedbackDir),
               row.profile ? std::vector<std::string>{"CustomerExperience_Feedback.xml"} : std::vector<std::string>{});
   }
+  // A missing profile is the plug-in's warning, which the least importance logged can hold back.
+  fs::remove_all(kFeedbackDir);
+  for (const std::string level : {"warning", "error"}) {
+    Host host(m_dir, {"--status", "--log-level", level});
+    ASSERT_TRUE(host.Exited(kBound));
+    EXPECT_EQ(host.Err().find("CustomerExperience_Feedback.xml\" not exist.") != std::string::npos, level == "warning")
+        << level << ": " << host.Err();
+  }
 }
 
 TEST_F(HostProcess, AProfileThatDisablesTheServiceEndsItWithStatusZeroAndTheMarker) {
@@ -210,6 +219,8 @@ TEST_F(HostProcess, RefusedStartsSayWhyAndWriteNothing) {
        "ovfeedback-host: --clock-scale: expected a finite number above 0, got 0"},
       {"{}", {"--settings", settings, "--connect-to", "feedback.velmar.example:443"}, 2,
        "ovfeedback-host: --connect-to: expected HOST:PORT:ADDR:PORT"},
+      {"{}", {"--settings", settings, "--ca-file", m_dir.File("none.pem")}, 2,
+       "ovfeedback-host: --ca-file: cannot read " + m_dir.File("none.pem") + ": No such file or directory"},
       {"{}", {"--settings", settings, "--plugin", m_dir.File("none.so")}, 4,
        "ovfeedback-host: " + m_dir.File("none.so") + ": cannot open shared object file"},
   };
