@@ -51,6 +51,9 @@ class SC_API CAppLog {
   // Returns the sink that was installed before. Records reach the sink one at a time, under the log's own lock,
   // so that lines never interleave: a sink must not wait for another thread that may log meanwhile.
   static LogSink SetSink(LogSink sink);
+  // Records less important than `importance` (debug < info < warning < error; an unknown letter counts as info)
+  // are dropped before they are formatted, whatever the sink. APPLOG_DEBUG, the default, keeps every record.
+  static void SetMinimumImportance(int importance);
   // Makes the default sink write to syslog under `ident` instead of standard error.
   static void UseSyslog(const char* ident);
   // The default sink's rendering of a record as one line.

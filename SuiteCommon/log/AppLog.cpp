@@ -3,6 +3,7 @@
 
 #include <syslog.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -55,6 +56,19 @@ int SyslogPriority(int importance) {
   }
 }
 
+int Rank(int importance) {
+  switch (importance) {
+    case APPLOG_DEBUG: return 0;
+    case APPLOG_WARNING: return 2;
+    case APPLOG_ERROR: return 3;
+    default: return 1;
+  }
+}
+
+std::atomic<int> g_minimumRank{0};
+
+bool Wanted(int importance) { return Rank(importance) >= g_minimumRank.load(std::memory_order_relaxed); }
+
 void Deliver(const LogRecord& record) {
   SinkState& state = State();
   std::lock_guard<std::mutex> lock(state.mutex);
@@ -75,6 +89,7 @@ void Deliver(const LogRecord& record) {
 
 void CAppLog::LogDebugMessage(const char* function, const char* file, int line, int importance,
                               const char* format, ...) {
+  if (!Wanted(importance)) return;
   LogRecord record;
   record.kind = LogRecord::eDebugMessage;
   record.importance = importance;
@@ -90,6 +105,7 @@ void CAppLog::LogDebugMessage(const char* function, const char* file, int line, 
 
 void CAppLog::LogReturnCode(const char* function, const char* file, int line, int importance,
                             const char* failingCall, long code, const char* format, ...) {
+  if (!Wanted(importance)) return;
   LogRecord record;
   record.kind = LogRecord::eReturnCode;
   record.importance = importance;
@@ -106,6 +122,7 @@ void CAppLog::LogReturnCode(const char* function, const char* file, int line, in
 }
 
 void CAppLog::LogMessage(unsigned int messageId, ...) {
+  if (!Wanted(APPLOG_INFO)) return;
   LogRecord record;
   record.kind = LogRecord::eCatalogueMessage;
   record.importance = APPLOG_INFO;
@@ -131,6 +148,10 @@ LogSink CAppLog::SetSink(LogSink sink) {
   LogSink previous = std::move(state.sink);
   state.sink = std::move(sink);
   return previous;
+}
+
+void CAppLog::SetMinimumImportance(int importance) {
+  g_minimumRank.store(Rank(importance), std::memory_order_relaxed);
 }
 
 void CAppLog::UseSyslog(const char* ident) {

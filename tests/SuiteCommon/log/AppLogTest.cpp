@@ -43,6 +43,26 @@ TEST(AppLog, CaptureRestoresThePreviousSink) {
   EXPECT_TRUE(outer.Has("outer"));
 }
 
+TEST(AppLog, TheMinimumImportanceDropsLesserRecordsOfEveryKind) {
+  struct Row { int minimum; const char* kept; } rows[] = {
+      {APPLOG_DEBUG, "DIWEXRC"}, {APPLOG_INFO, "IWEXRC"}, {APPLOG_WARNING, "WE"}, {APPLOG_ERROR, "E"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(1, static_cast<char>(row.minimum)));
+    LogCapture log;
+    CAppLog::SetMinimumImportance(row.minimum);
+    for (int importance : {int{APPLOG_DEBUG}, int{APPLOG_INFO}, int{APPLOG_WARNING}, int{APPLOG_ERROR}, int{'X'}}) {
+      CAppLog::LogDebugMessage("Fn", "Unit", 1, importance, "%c", importance);
+    }
+    CAppLog::LogReturnCode("Fn", "Unit", 2, APPLOG_INFO, "Callee", 1, "R");
+    CAppLog::LogMessage(MSG_PHONEHOME_STARTED, "C", "", "", "", "", 0u, 0u, 0u);  // catalogue records are info
+    CAppLog::SetMinimumImportance(APPLOG_DEBUG);
+    std::string kept;
+    for (const LogRecord& record : log.Records()) kept += record.text.substr(0, 1) == "C" ? "C" : record.text;
+    EXPECT_EQ(kept, row.kept);  // an unknown letter counts as info
+  }
+}
+
 TEST(SafeStrlcpy, CutsAndAlwaysTerminates) {
   struct Row { const char* src; size_t size; const char* expected; size_t copied; } rows[] = {
       {"hello", 10, "hello", 5}, {"hello", 6, "hello", 5}, {"hello", 5, "hell", 4},
