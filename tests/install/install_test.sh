@@ -14,7 +14,14 @@ headers=(ApiExport.h IBencodeSettings.h IComponentStatus.h IPhoneHomePlugin.h IP
 consumer() {
   local prefix="$work/prefix" inc="$work/prefix/$OVF_INCLUDEDIR"
   "$CMAKE" --install "$OVF_BUILD_DIR" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail "install"; }
-  for f in "${runtime_files[@]}" "$OVF_LIBDIR/pkgconfig/libovfeedback.pc" \
+  # A test build's prefix is no system directory, so nothing may land outside the prefix it is given.
+  if grep -E '^-- (Installing|Up-to-date): ' "$work/install.log" | grep -vF -- "-- Installing: $prefix/" \
+       | grep -vF -- "-- Up-to-date: $prefix/" | grep -q .; then
+    cat "$work/install.log"; fail "installed outside $prefix"
+  fi
+  local unit=()
+  if [ "${OVF_WITH_HOST:-0}" = 1 ]; then unit=("$OVF_UNITDIR/ovfeedback-host.service"); fi
+  for f in "${runtime_files[@]}" "${unit[@]}" "$OVF_LIBDIR/pkgconfig/libovfeedback.pc" \
            "$OVF_LIBDIR/cmake/libovfeedback/libovfeedbackConfig.cmake" \
            "$OVF_LIBDIR/cmake/libovfeedback/libovfeedbackConfigVersion.cmake"; do
     [ -e "$prefix/$f" ] || fail "not installed: $f"
@@ -36,6 +43,12 @@ consumer() {
   done
   readelf -d "$prefix/$OVF_LIBDIR/libovfeedback.so" | grep -E 'RUNPATH|RPATH' | grep -qF '[$ORIGIN]' \
     || fail "libovfeedback.so does not look for libsuitecommon.so beside itself"
+
+  # The installed host finds the installed plug-in beside it (exit 4 would be a plug-in it cannot load).
+  if [ "${OVF_WITH_HOST:-0}" = 1 ]; then
+    "$prefix/bin/ovfeedback-host" --status 2>/dev/null | grep -qE ': (enabled|disabled)$' \
+      || fail "the installed host does not answer --status"
+  fi
 
   # The example module, built once through pkg-config and once through find_package.
   cp -r "$OVF_EXAMPLE_DIR" "$work/pc"
