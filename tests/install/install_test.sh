@@ -106,8 +106,42 @@ package() {
   dpkg-deb -e "$deb" "$work/control"
   for script in postinst prerm postrm; do
     [ -x "$work/control/$script" ] || fail "no executable $script"
-    sh -n "$work/control/$script" || fail "$script does not parse"
   done
+  maintainer_scripts
+}
+
+# The maintainer scripts, with the install root moved into the scratch directory, run once on a system without
+# systemctl and once with a systemctl that records each call and fails it: neither may fail an installation.
+# Whether systemd runs is this machine's /run/systemd/system, which the scripts read; the expected calls follow it.
+maintainer_scripts() {
+  local ctl="$work/control" root="$work/root" bin="$work/bin"
+  sed -i "s|^root=.*|root=\"$root\"|" "$ctl/postinst"
+  mkdir -p "$bin"
+  ln -s "$(command -v mkdir)" "$bin/mkdir"
+  local steps=("postinst configure" "postinst configure 0.9.0" "prerm upgrade 1.0.0" "prerm remove" "postrm remove")
+  for step in "${steps[@]}"; do
+    PATH="$bin" "$ctl"/$step || fail "without systemctl: $step failed"
+  done
+  [ -d "$root/CustomerExperienceFeedback/moduledata" ] && [ -d "$root/CustomerExperienceFeedback/outbound" ] \
+    || fail "postinst made no feedback tree"
+
+  printf '#!/bin/sh\necho "$*" >>"%s"\nexit 1\n' "$work/calls" >"$bin/systemctl"
+  chmod +x "$bin/systemctl"
+  local running=0 expected
+  if [ -d /run/systemd/system ]; then running=1; fi
+  for step in "${steps[@]}"; do
+    echo "# $step" >>"$work/calls"
+    PATH="$bin" "$ctl"/$step || fail "with a failing systemctl: $step failed"
+  done
+  local unit=ovfeedback-host.service
+  if [ "$running" = 1 ]; then
+    expected="# postinst configure|daemon-reload|enable $unit|start $unit|# postinst configure 0.9.0|daemon-reload"
+    expected+="|try-restart $unit|# prerm upgrade 1.0.0|# prerm remove|stop $unit|disable $unit|# postrm remove|daemon-reload"
+  else
+    expected="# postinst configure|enable $unit|# postinst configure 0.9.0|# prerm upgrade 1.0.0|# prerm remove"
+    expected+="|disable $unit|# postrm remove"
+  fi
+  [ "$(paste -sd'|' "$work/calls")" = "$expected" ] || fail "systemctl calls:"$'\n'"$(cat "$work/calls")"
 }
 
 "$1"
