@@ -13,6 +13,8 @@ set(CPACK_PACKAGE_VENDOR "Velmar")
 set(CPACK_PACKAGE_CONTACT "Velmar client suite team <suite@velmar.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Customer Experience Feedback module of the client suite")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
+# Debug information stays in the build tree; the exported symbols are in the dynamic tables that stripping keeps.
+set(CPACK_STRIP_FILES TRUE)
 
 set(CPACK_DEBIAN_FILE_NAME "DEB-DEFAULT")
 set(CPACK_DEBIAN_PACKAGE_SECTION "net")
