@@ -20,11 +20,13 @@ foreach(tool cef ovfeedback-receiver)
   endif()
 endforeach()
 
-# Exactly what a module author or a host needs: the bencode classes, the settings view and the plug-in
-# interfaces, each under the name it has in the source tree. Nothing here may include a header that is not
-# installed.
-install(FILES PhoneHome/Bencode.h PhoneHome/BencodeSettings.h
+# Exactly what a module author or a host needs: the bencode classes, the settings view, the enable test on the
+# marker file, the exported utilities and device identity, and the plug-in interfaces, each under the name it
+# has in the source tree. Nothing here may include a header that is not installed.
+install(FILES PhoneHome/Bencode.h PhoneHome/BencodeSettings.h PhoneHome/PhoneHomePluginImp.h
   DESTINATION "${OVF_INSTALL_INCLUDEDIR}/PhoneHome" COMPONENT development)
+install(FILES Utils/Utils.h DESTINATION "${OVF_INSTALL_INCLUDEDIR}/Utils" COMPONENT development)
+install(FILES DeviceInfo/DeviceInfo.h DESTINATION "${OVF_INSTALL_INCLUDEDIR}/DeviceInfo" COMPONENT development)
 install(FILES include/ApiExport.h include/Plugin.h include/IPhoneHomePlugin.h include/IPhoneHomePluginCB.h
   include/IComponentStatus.h include/IBencodeSettings.h
   DESTINATION "${OVF_INSTALL_INCLUDEDIR}" COMPONENT development)

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "PhoneHome/Bencode.h"
+#include "PhoneHome/PhoneHomePluginImp.h"
 
 int main(int argc, char** argv) {
   if (argc != 3) {
@@ -12,6 +13,14 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::string const dataFile = argv[1];  // e.g. <install root>/CustomerExperienceFeedback/moduledata/tunnel.cef
+
+  // While the administrator's profile disables the service, its marker lies in the moduledata directory and
+  // no module gathers feedback at all.
+  std::string const moduleData = dataFile.substr(0, dataFile.find_last_of('/'));
+  if (!CPhoneHomeUtility::IsPhoneHomeEnabled(moduleData)) {
+    std::printf("feedback disabled: nothing written\n");
+    return 0;
+  }
 
   // Spool mode: counts the service has not taken yet wait in DATA_FILE.temp and are loaded from there.
   EBencodeResult result = eBencodeOk;

@@ -9,7 +9,8 @@ trap 'rm -rf "$work"' EXIT
 runtime_files=("bin/cef" "bin/ovfeedback-receiver" "$OVF_LIBDIR/libovfeedback.so" "$OVF_LIBDIR/libsuitecommon.so")
 if [ "${OVF_WITH_HOST:-0}" = 1 ]; then runtime_files+=("bin/ovfeedback-host"); fi
 headers=(ApiExport.h IBencodeSettings.h IComponentStatus.h IPhoneHomePlugin.h IPhoneHomePluginCB.h Plugin.h
-         PhoneHome/Bencode.h PhoneHome/BencodeSettings.h)
+         PhoneHome/Bencode.h PhoneHome/BencodeSettings.h PhoneHome/PhoneHomePluginImp.h Utils/Utils.h
+         DeviceInfo/DeviceInfo.h)
 
 consumer() {
   local prefix="$work/prefix" inc="$work/prefix/$OVF_INCLUDEDIR"
@@ -77,6 +78,11 @@ consumer() {
   "$work/cm/module-datafile" "$data" corp.example || fail "third run"
   "$cef" dump -c "$data" | grep -qF '"SessionsStarted":2' || fail "counts kept aside not handed over: $("$cef" dump -c "$data")"
   "$cef" check "$data" >/dev/null || fail "the third file does not load"
+
+  # While the marker says the service is disabled, the module writes nothing at all.
+  rm "$data" && : >"$work/moduledata/cefdisable"
+  "$work/cm/module-datafile" "$data" corp.example >/dev/null || fail "run while disabled"
+  [ ! -e "$data" ] || fail "a data file was written while the service is disabled"
 }
 
 package() {
