@@ -1,12 +1,9 @@
 // Module data into feedback files, and crash and threat reports into report files, through the agent itself.
 // Posts go to a closed local port, so every file written stays in the outbound directory to be read back.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/time.h>
 #include <unistd.h>
-
-#include <memory>
 
 #include "AgentUnderTest.h"
 #include "Clock.h"
@@ -134,15 +131,13 @@ TEST_F(AgentCollect, FileNamesRunFromOneToAHundredAndEachWriteEmptiesTheQualityD
   m_dir.Write("out/feedback_data1.cef", std::string(4096, 'o'));  // not posted yet when the numbers come round
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const bool first = &row == &rows[0];
     a.sequenceNumber = row.number;
     ASSERT_TRUE(a.CreateBencodeFile(a.outboundDir + "feedback_data"));
     EXPECT_EQ(a.sequenceNumber, row.next);
     EXPECT_TRUE(a.qualityDict->Items().empty());
     const std::string file = Out(row.name);
-    EXPECT_EQ(file.front(), 'l');
-    EXPECT_EQ(file.back(), 'e');
-    EXPECT_EQ(file.find("DNSHash") != std::string::npos, first);
+    EXPECT_EQ(std::string({file.front(), file.back()}), "le");
+    EXPECT_EQ(file.find("DNSHash") != std::string::npos, &row == &rows[0]);
     EXPECT_NE(TempDir::Read(a.historyFile).find("last_sequence_number:" + std::to_string(row.next) + "\n"),
               std::string::npos);
   }
@@ -159,9 +154,7 @@ TEST_F(AgentCollect, FileNamesRunFromOneToAHundredAndEachWriteEmptiesTheQualityD
 TEST_F(AgentCollect, CrashDumpsNewerThanTheLastReportUpToSixteenMebibytes) {
   auto dump = [&](const std::string& name, const std::string& text, off_t size, uint32_t modified) {
     const std::string path = m_dir.Write(name, text);
-    if (size > 0) {
-      EXPECT_EQ(truncate(path.c_str(), size), 0);
-    }
+    EXPECT_TRUE(size == 0 || truncate(path.c_str(), size) == 0);
     // Read since: only the modification time counts.
     const timeval times[2] = {{static_cast<time_t>(kStart + 50), 0}, {static_cast<time_t>(modified), 0}};
     EXPECT_EQ(utimes(path.c_str(), times), 0);
