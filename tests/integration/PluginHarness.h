@@ -28,12 +28,12 @@
 #include "LogCapture.h"
 #include "Plugin.h"
 #include "TempDir.h"
+#include "WaitFor.h"
 
 namespace harness {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using SteadyClock = std::chrono::steady_clock;
 
 inline const char kFeedbackId[] = "com.velmar.orvane.service.customer.feedback";
 inline const char kStatusId[] = "com.velmar.orvane.component.status";
@@ -92,14 +92,6 @@ struct LoadedPlugin {
   PFN_GetAvailableInterfaces list = nullptr;
   const PluginInterface* table = nullptr;
 };
-
-// Waits, for at most `bound` of real time, until `done` holds; whether it does.
-template <typename Predicate>
-bool WaitFor(Predicate done, std::chrono::milliseconds bound = kBound) {
-  const auto until = SteadyClock::now() + bound;
-  while (!done() && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
-  return done();
-}
 
 // One feedback object; Start runs StartPhoneHome on a host thread, which the end stops before disposing.
 class Service {

@@ -1,7 +1,6 @@
 // CFileUploader posting to the feedback receiver over real TLS: the body and "Zip" header that arrive, the
 // single cut read of the answer, every failure path with its code and log lines, and stops whenever they come.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
@@ -12,12 +11,12 @@
 
 #include "CertErrors.h"
 #include "HttpErrors.h"
-#include "LogCapture.h"
 #include "PhoneHome/FileUploader.h"
 #include "RuntimeConfig.h"
 #include "SuiteCommon/http/HttpAnswer.h"
 #include "TlsTestEnv.h"
 #include "UploaderLog.h"
+#include "WaitFor.h"
 
 namespace {
 
@@ -35,7 +34,6 @@ long Post(CFileUploader& uploader, const std::string& body, std::string& respons
           const std::string& url = TlsTestEnv::kPrimaryUrl) {
   return uploader.PostDataGetResponse(url, body.data(), static_cast<int>(body.size()), response, zipped);
 }
-
 
 }  // namespace
 
@@ -142,9 +140,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     if (row.stop == kWhileHanging) {
       stopper = std::async(std::launch::async, [&] {
         // The certificate is checked inside the send, so once that is logged the request is under way.
-        for (int i = 0; i < 3000 && log.FindCall(kVerified) == nullptr; ++i) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        WaitFor([&] { return log.FindCall(kVerified) != nullptr; });
         uploader->TerminateSession();
       });
     }
