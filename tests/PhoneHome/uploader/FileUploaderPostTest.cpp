@@ -11,6 +11,7 @@
 
 #include "CertErrors.h"
 #include "HttpErrors.h"
+#include "LogCapture.h"
 #include "PhoneHome/FileUploader.h"
 #include "RuntimeConfig.h"
 #include "SuiteCommon/http/HttpAnswer.h"
@@ -60,7 +61,7 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
     EXPECT_EQ(response, "kept:" + (row.length != 0 ? TlsTestEnv::LongBody(row.length, row.nulAt).substr(0, row.kept)
                                                    : TlsTestEnv::kAcceptAnswer));
     // The uploader's own check ran, and a clean verification is logged too.
-    EXPECT_EQ(OwnLog(log), Line('E', kVerified, 0));
+    EXPECT_EQ(log.Lines("FileUploader"), Line('E', kVerified, 0));
   }
   std::vector<ReceivedPost> posts = env.Posts();
   ASSERT_EQ(posts.size(), std::size(rows));
@@ -96,7 +97,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     std::function<void()> arrange;
     bool strict;
     long expected;
-    std::string log;  // a pattern of OwnLog
+    std::string log;  // a pattern of log.Lines("FileUploader")
     Stop stop = kNoStop;
     std::string url = TlsTestEnv::kPrimaryUrl;
   } rows[] = {
@@ -148,7 +149,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     if (stopper.valid()) stopper.get();
     SetHttpAnswerAllocationFailure(false);
     EXPECT_EQ(response, "kept");
-    EXPECT_THAT(OwnLog(log), testing::MatchesRegex(row.log));
+    EXPECT_THAT(log.Lines("FileUploader"), testing::MatchesRegex(row.log));
     // Whatever way the post failed, the session was let go: the agent's stop path does not wait for ever.
     auto stop = std::async(std::launch::async, [&uploader] { uploader->TerminateSession(); });
     ASSERT_EQ(stop.wait_for(std::chrono::seconds(10)), std::future_status::ready);
@@ -164,5 +165,5 @@ TEST(FileUploaderPost, ReadFailureIsLoggedAndPassedOn) {
   std::string response = "kept";
   EXPECT_EQ(uploader->ReadFileFromNetwork(response), HTTP_E_NO_REQUEST);
   EXPECT_EQ(response, "kept");
-  EXPECT_EQ(OwnLog(log), Line('E', "ReadFile", HTTP_E_NO_REQUEST));
+  EXPECT_EQ(log.Lines("FileUploader"), Line('E', "ReadFile", HTTP_E_NO_REQUEST));
 }
