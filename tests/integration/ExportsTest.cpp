@@ -10,23 +10,20 @@
 
 namespace {
 
-// Demangled names of the defined dynamic symbols of a shared library.
+// Demangled names of the defined dynamic symbols of a shared library, as nm lists them one a line.
 std::set<std::string> DynamicSymbols(const std::string& library) {
   std::set<std::string> names;
   std::string command = "nm -DCj --defined-only '" + library + "' 2>/dev/null";
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  char line[4096];
-  while (pipe && fgets(line, sizeof line, pipe.get()) != nullptr) {
-    names.insert(std::string(line, std::strcspn(line, "\n")));  // one name a line
+  for (char line[4096]; pipe && fgets(line, sizeof line, pipe.get());) {
+    names.insert(std::string(line, strcspn(line, "\n")));
   }
   return names;
 }
 
 bool AnyStartsWith(const std::set<std::string>& names, const std::string& prefix) {
-  for (const std::string& name : names) {
-    if (name.rfind(prefix, 0) == 0) return true;
-  }
-  return false;
+  const auto first = names.lower_bound(prefix);  // the set is sorted: any name with the prefix comes first here
+  return first != names.end() && first->rfind(prefix, 0) == 0;
 }
 
 }  // namespace

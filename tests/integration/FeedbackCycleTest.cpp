@@ -26,12 +26,6 @@ class FeedbackCycle : public PluginTest {
     for (const LogRecord& record : m_log.Records()) count += record.text.rfind(prefix, 0) == 0 ? 1 : 0;
     return count;
   }
-  // Runs a service until its loop parks at `moment`, simulated time held before the loop starts.
-  bool StartAndRunTo(Service& service, uint32_t moment) {
-    if (!service.Ok() || !SuiteClock::HoldAt(GetCurrentTimeSeconds())) return false;
-    service.Start();
-    return RunTo(moment);
-  }
 
   TlsTestEnv m_env;
 };
@@ -165,11 +159,7 @@ TEST_F(FeedbackCycle, AStopDuringAPostEndsTheLoopAndKeepsTheFile) {
     Fresh();
     const size_t postsBefore = m_env.Posts().size();
     WriteFile(kOutbound / "feedback_data3.cef", "d4:keepi1ee");
-    if (whileHanging) {
-      m_env.Hang();
-    } else {
-      m_env.RespondStatus(503);
-    }
+    whileHanging ? m_env.Hang() : m_env.RespondStatus(503);
     ASSERT_TRUE(SuiteClock::HoldAt(kSettingsAt));  // held before the loop starts
     {
       Service service(m_plugin, &m_host);

@@ -28,12 +28,12 @@
 #include "LogCapture.h"
 #include "Plugin.h"
 #include "TempDir.h"
+#include "WaitFor.h"
 
 namespace harness {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using SteadyClock = std::chrono::steady_clock;
 
 inline const char kFeedbackId[] = "com.velmar.orvane.service.customer.feedback";
 inline const char kStatusId[] = "com.velmar.orvane.component.status";
@@ -56,9 +56,8 @@ inline void WriteFile(const fs::path& path, const std::string& bytes) {
 
 inline std::vector<std::string> Outbound() {
   std::vector<std::string> names;
-  if (fs::exists(kOutbound)) {
-    for (const auto& entry : fs::directory_iterator(kOutbound)) names.push_back(entry.path().filename());
-  }
+  std::error_code none;  // a missing directory lists as empty
+  for (const auto& entry : fs::directory_iterator(kOutbound, none)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -85,9 +84,7 @@ struct LoadedPlugin {
     list = reinterpret_cast<PFN_GetAvailableInterfaces>(dlsym(handle, "GetAvailableInterfaces"));
     table = static_cast<const PluginInterface*>(dlsym(handle, "g_AvailableInterfaces"));
   }
-  ~LoadedPlugin() {
-    if (handle != nullptr) dlclose(handle);
-  }
+  ~LoadedPlugin() { if (handle != nullptr) dlclose(handle); }
   bool Ok() const { return create && dispose && list && table; }
   void* handle;
   PFN_CreatePlugin create = nullptr;
@@ -95,14 +92,6 @@ struct LoadedPlugin {
   PFN_GetAvailableInterfaces list = nullptr;
   const PluginInterface* table = nullptr;
 };
-
-// Waits, for at most `bound` of real time, until `done` holds; whether it does.
-template <typename Predicate>
-bool WaitFor(Predicate done, std::chrono::milliseconds bound = kBound) {
-  const auto until = SteadyClock::now() + bound;
-  while (!done() && SteadyClock::now() < until) std::this_thread::sleep_for(1ms);
-  return done();
-}
 
 // One feedback object; Start runs StartPhoneHome on a host thread, which the end stops before disposing.
 class Service {
@@ -118,9 +107,7 @@ class Service {
       m_service->StopPhoneHome();
       m_result.wait();
     }
-    if (m_service != nullptr) {
-      EXPECT_TRUE(m_plugin.dispose(m_service));
-    }
+    EXPECT_TRUE(m_service == nullptr || m_plugin.dispose(m_service));
   }
   bool Ok() const { return m_service != nullptr; }
   IPhoneHomePlugin* operator->() const { return m_service; }
@@ -140,9 +127,7 @@ class Service {
 // The loop's context as a host may watch it.
 struct LoopView {
   CExecutionContext* context = CExecutionContext::acquireInstance(3);
-  ~LoopView() {
-    if (context != nullptr) context->release();
-  }
+  ~LoopView() { if (context != nullptr) context->release(); }
   // Milliseconds to the earliest armed timer, or -1 when none is armed.
   long long NextExpiryMs() {
     unsigned int ms = 0;
@@ -172,6 +157,12 @@ class PluginTest : public ::testing::Test {
     m_log.Clear();
   }
   bool RunTo(uint32_t moment) { return SuiteClock::HoldAt(moment) && SuiteClock::WaitUntilParked(kBound); }
+  // Starts a service with simulated time held at `moment` before its loop runs, and waits for the loop to park.
+  bool StartAndRunTo(Service& service, uint32_t moment) {
+    if (!service.Ok() || !SuiteClock::HoldAt(moment)) return false;
+    service.Start();
+    return SuiteClock::WaitUntilParked(kBound);
+  }
 
   LoadedPlugin m_plugin;
   LogCapture m_log;

@@ -99,10 +99,7 @@ TEST_F(PluginLifecycle, ADisabledRunsMarkerFailsOneStartThenTheServiceRunsUntilS
   m_log.Clear();
   {
     Service service(m_plugin, &m_host);
-    ASSERT_TRUE(service.Ok());
-    ASSERT_TRUE(SuiteClock::HoldAt(kStart + 60));  // held before the loop starts
-    service.Start();
-    ASSERT_TRUE(SuiteClock::WaitUntilParked(kBound)) << m_log.Dump();
+    ASSERT_TRUE(StartAndRunTo(service, kStart + 60)) << m_log.Dump();
     EXPECT_EQ(service->IsPhoneHomeRunning(), 0u);
     EXPECT_TRUE(m_log.Has("Starting Customer Experience Feedback module")) << m_log.Dump();
 
@@ -143,10 +140,7 @@ TEST_F(PluginLifecycle, FirstFeedbackFollowsTheLastOneInTheHistory) {
     Fresh();
     if (!row.history.empty()) WriteFile(kFeedbackDir / "history", row.history);
     Service service(m_plugin, &m_host);
-    ASSERT_TRUE(service.Ok());
-    ASSERT_TRUE(SuiteClock::HoldAt(row.expiry - 1));  // held before the loop starts
-    service.Start();
-    ASSERT_TRUE(SuiteClock::WaitUntilParked(kBound)) << m_log.Dump();
+    ASSERT_TRUE(StartAndRunTo(service, row.expiry - 1)) << m_log.Dump();
     LoopView loop;
     ASSERT_NE(loop.context, nullptr);
     EXPECT_EQ(GetCurrentTimeSeconds(), row.expiry - 1);

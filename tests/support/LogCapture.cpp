@@ -41,6 +41,16 @@ const LogRecord* LogCapture::FindCall(const std::string& failingCall) const {
   return it == records_.end() ? nullptr : &*it;
 }
 
+std::string LogCapture::Lines(const std::string& file) const {
+  std::string out;
+  for (const LogRecord& r : Records()) {
+    if (!file.empty() && r.file != file) continue;
+    out += std::string(1, static_cast<char>(r.importance)) + " " +
+           (r.kind == LogRecord::eReturnCode ? r.failingCall + " " + std::to_string(r.code) : r.text) + "\n";
+  }
+  return out;
+}
+
 std::string LogCapture::Dump() const {
   std::string out;
   for (const LogRecord& r : Records()) out += CAppLog::FormatRecord(r) + "\n";

@@ -23,6 +23,9 @@ class LogCapture {
   const LogRecord* Find(const std::string& text) const;
   // The first return-code record naming `failingCall`, or null.
   const LogRecord* FindCall(const std::string& failingCall) const;
+  // One line a record of `file` (of every file when empty), in order: "<importance> <text>", or for a return
+  // code "<importance> <failing call> <code>"; so a test compares a unit's whole log at once.
+  std::string Lines(const std::string& file = "") const;
   // All texts, one per line, for failure messages.
   std::string Dump() const;
 

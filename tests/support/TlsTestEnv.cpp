@@ -12,16 +12,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
-#include <thread>
 
 #include "RuntimeConfig.h"
 #include "TestPki.h"
+#include "WaitFor.h"
 
 #ifndef OVF_RECEIVER_PATH
 #define OVF_RECEIVER_PATH ""
@@ -44,16 +43,6 @@ std::string PkiFile(const char* name) {
   };
   static const Pki pki;
   return pki.File(name);
-}
-
-// Polls `done` every 10 ms until it holds or `limit` has passed; says which.
-template <class Done>
-bool PollFor(std::chrono::seconds limit, Done done) {
-  for (auto deadline = std::chrono::steady_clock::now() + limit; !done();) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 }  // namespace
@@ -109,7 +98,7 @@ void TlsTestEnv::Start(TestCert cert) {
     Fail("cannot start " + receiver);
   }
   bool exited = false;
-  const bool listening = PollFor(std::chrono::seconds(30), [&] {
+  const bool listening = WaitFor([&] {
     long value = 0;
     if (std::ifstream(portFile) >> value && value > 0 && value <= 65535) return port_ = static_cast<unsigned short>(value), true;
     int status = 0;
@@ -127,7 +116,7 @@ void TlsTestEnv::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
   int status = 0;
-  if (!PollFor(std::chrono::seconds(10), [&] { return waitpid(pid_, &status, WNOHANG) != 0; })) {
+  if (!WaitFor([&] { return waitpid(pid_, &status, WNOHANG) != 0; }, std::chrono::seconds(10))) {
     kill(pid_, SIGKILL);
     waitpid(pid_, &status, 0);
   }

@@ -1,14 +1,8 @@
 // The history file: the key/value lines, the six records on save, and how a loaded history is taken over.
-#include <gtest/gtest.h>
-
 #include <map>
-#include <string>
 
 #include "AgentUnderTest.h"
-#include "AppLog.h"
 #include "BuildConfig.h"
-#include "LogCapture.h"
-#include "TempDir.h"
 
 using Map = std::map<std::string, std::string>;
 

@@ -1,15 +1,9 @@
 // Initialisation over the real feedback tree below the install root: directories, profile switch, marker file.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "AgentUnderTest.h"
-#include "AppLog.h"
 #include "BuildConfig.h"
-#include "LogCapture.h"
-#include "TempDir.h"
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,6 @@
 // CFileUploader posting to the feedback receiver over real TLS: the body and "Zip" header that arrive, the
 // single cut read of the answer, every failure path with its code and log lines, and stops whenever they come.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
@@ -18,6 +17,7 @@
 #include "SuiteCommon/http/HttpAnswer.h"
 #include "TlsTestEnv.h"
 #include "UploaderLog.h"
+#include "WaitFor.h"
 
 namespace {
 
@@ -35,7 +35,6 @@ long Post(CFileUploader& uploader, const std::string& body, std::string& respons
           const std::string& url = TlsTestEnv::kPrimaryUrl) {
   return uploader.PostDataGetResponse(url, body.data(), static_cast<int>(body.size()), response, zipped);
 }
-
 
 }  // namespace
 
@@ -62,7 +61,7 @@ TEST(FileUploaderPost, PostsTheBodyAsGivenAndAppendsTheAnswerReadOnceAndCutAtThe
     EXPECT_EQ(response, "kept:" + (row.length != 0 ? TlsTestEnv::LongBody(row.length, row.nulAt).substr(0, row.kept)
                                                    : TlsTestEnv::kAcceptAnswer));
     // The uploader's own check ran, and a clean verification is logged too.
-    EXPECT_EQ(OwnLog(log), Line('E', kVerified, 0));
+    EXPECT_EQ(log.Lines("FileUploader"), Line('E', kVerified, 0));
   }
   std::vector<ReceivedPost> posts = env.Posts();
   ASSERT_EQ(posts.size(), std::size(rows));
@@ -98,7 +97,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     std::function<void()> arrange;
     bool strict;
     long expected;
-    std::string log;  // a pattern of OwnLog
+    std::string log;  // a pattern of log.Lines("FileUploader")
     Stop stop = kNoStop;
     std::string url = TlsTestEnv::kPrimaryUrl;
   } rows[] = {
@@ -142,9 +141,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     if (row.stop == kWhileHanging) {
       stopper = std::async(std::launch::async, [&] {
         // The certificate is checked inside the send, so once that is logged the request is under way.
-        for (int i = 0; i < 3000 && log.FindCall(kVerified) == nullptr; ++i) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        WaitFor([&] { return log.FindCall(kVerified) != nullptr; });
         uploader->TerminateSession();
       });
     }
@@ -152,7 +149,7 @@ TEST(FileUploaderPost, FailuresAndStopsAreMappedAndLoggedByStrictness) {
     if (stopper.valid()) stopper.get();
     SetHttpAnswerAllocationFailure(false);
     EXPECT_EQ(response, "kept");
-    EXPECT_THAT(OwnLog(log), testing::MatchesRegex(row.log));
+    EXPECT_THAT(log.Lines("FileUploader"), testing::MatchesRegex(row.log));
     // Whatever way the post failed, the session was let go: the agent's stop path does not wait for ever.
     auto stop = std::async(std::launch::async, [&uploader] { uploader->TerminateSession(); });
     ASSERT_EQ(stop.wait_for(std::chrono::seconds(10)), std::future_status::ready);
@@ -168,5 +165,5 @@ TEST(FileUploaderPost, ReadFailureIsLoggedAndPassedOn) {
   std::string response = "kept";
   EXPECT_EQ(uploader->ReadFileFromNetwork(response), HTTP_E_NO_REQUEST);
   EXPECT_EQ(response, "kept");
-  EXPECT_EQ(OwnLog(log), Line('E', "ReadFile", HTTP_E_NO_REQUEST));
+  EXPECT_EQ(log.Lines("FileUploader"), Line('E', "ReadFile", HTTP_E_NO_REQUEST));
 }

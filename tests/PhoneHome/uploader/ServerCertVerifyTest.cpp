@@ -1,12 +1,6 @@
 // The uploader's certificate decision on real chains of the generated test certificates: the trust-mode rules,
 // the reference-certificate comparison, the argument checks of the check and of its callback, and their logs.
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <openssl/x509_vfy.h>
-
-#include <cstdio>
-#include <memory>
 
 #include "CertErrors.h"
 #include "LogCapture.h"
@@ -24,7 +18,6 @@ const char kDifferent[] =
     "used for the primary connection.  The server certificate for the secondary connection is not trusted.";
 const char kNullParameters[] = "Unable to verify server certificate due to invalid NULL parameters.";
 constexpr unsigned int kPoison = 0xDEADBEEF;
-
 
 class ServerCertVerifyTest : public ::testing::Test {
  protected:
@@ -51,7 +44,7 @@ TEST_F(ServerCertVerifyTest, DecisionAndLogByChainModeAndReference) {
     int mode;
     Ref ref;
     long expected;
-    std::string log;      // OwnLog
+    std::string log;      // log.Lines("FileUploader")
     bool checked = true;  // whether the helper ran, and so filled the flags
     const char* name = TlsTestEnv::kPrimaryHost;
   } rows[] = {
@@ -89,7 +82,7 @@ TEST_F(ServerCertVerifyTest, DecisionAndLogByChainModeAndReference) {
                   : CFileUploader::ServerCertVerifyCB(row.via == kCallback ? &uploader : nullptr, chain,
                                                       eCertContextPrimary, row.name, mode, reference[row.ref], flags),
               row.expected);
-    EXPECT_EQ(OwnLog(log), row.log);
+    EXPECT_EQ(log.Lines("FileUploader"), row.log);
     EXPECT_EQ(flags != kPoison, row.checked);
   }
 }

@@ -20,6 +20,7 @@
 #include "HttpSessionCurl.h"
 #include "RuntimeConfig.h"
 #include "TlsTestEnv.h"
+#include "WaitFor.h"
 
 namespace {
 
@@ -244,8 +245,7 @@ TEST_F(HttpSession, StopAndTimeLimitEndARequestInEveryPhase) {
       });
       auto from = start;
       if (stop) {
-        for (int i = 0; i < 1000 && !row.reached(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        ASSERT_TRUE(row.reached());
+        ASSERT_TRUE(WaitFor(row.reached, std::chrono::seconds(10)));
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // well into it
         from = Clock::now();
         EXPECT_EQ(session->CloseRequest(), 0);
