@@ -134,3 +134,41 @@ TEST_F(RuntimeClock, LoopRunsMonthsOfScheduleUpToEachHold) {
   EXPECT_EQ(result, 0);
   EXPECT_EQ(GetCurrentTimeSeconds(), hold);
 }
+
+// Setting a held simulated clock back and forward, as an administrator sets a machine's clock: the parked loop
+// wakes once, measures its absolute deadlines against the new time and parks at it; a timer that is now past
+// runs at once, one that lies further off waits the longer.
+TEST_F(RuntimeClock, SettingSimulatedTimeBackAndForwardWakesTheLoopOnce) {
+  SuiteClock::UseRealTime();
+  EXPECT_FALSE(SuiteClock::SetSimulatedTime(kStart)) << "only a simulated clock can be set";
+  SuiteClock::UseSimulated(kStart);
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart + 700));
+  Loop loop;
+  ASSERT_EQ(loop.err, 0);
+  std::thread worker([&] { loop.Run(); });
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  Fired expected = {{2, kStart + 300}, {3, kStart + 600}};
+  ASSERT_EQ(loop.fired, expected);
+  const uint64_t passes = loop.events.GetWaitCount();
+
+  // A day back: the next feedback, due at kStart + 600 + kInterval, is a day further off; nothing runs.
+  ASSERT_TRUE(SuiteClock::SetSimulatedTime(kStart - kDay));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  EXPECT_EQ(GetCurrentTimeSeconds(), kStart - kDay) << "held at the new moment";
+  EXPECT_EQ(loop.fired, expected);
+  EXPECT_EQ(loop.events.GetWaitCount(), passes + 1);
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart + 600 + kInterval - 1));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  EXPECT_EQ(loop.fired, expected);
+
+  // Forward past that deadline: the overdue timer runs in the one pass the change causes.
+  ASSERT_TRUE(SuiteClock::SetSimulatedTime(kStart + 600 + kInterval + kDay));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  expected.emplace_back(3, kStart + 600 + kInterval + kDay);
+  EXPECT_EQ(loop.fired, expected);
+  EXPECT_EQ(loop.events.GetWaitCount(), passes + 2);
+
+  loop.stop = true;
+  loop.wakeup.SetEvent(false);
+  worker.join();
+}
