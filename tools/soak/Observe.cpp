@@ -152,7 +152,9 @@ ProcessSample SampleProcess() {
 #ifdef OVF_SOAK_ASAN
   sample.heapBytes = __sanitizer_get_current_allocated_bytes();
 #else
-  sample.heapBytes = mallinfo2().uordblks;
+  // Summed over every arena, with the large blocks malloc maps on its own.
+  const struct mallinfo2 info = mallinfo2();
+  sample.heapBytes = info.uordblks + info.hblkhd;
 #endif
   return sample;
 }

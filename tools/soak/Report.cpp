@@ -83,7 +83,7 @@ void Totals::Add(const Totals& o) {
 bool WriteCsv(const std::string& path, const std::vector<WeekRow>& rows) {
   std::ofstream out(path);
   out << "seed,run_days,clock,posts,failed_both_servers,failed_size,failed_gave_up,retries,queue_length,"
-         "records_pending,records_lost,rss_kib,heap_kib,fds\n";
+         "records_pending,records_lost,rss_kib,heap_kib,fds\n";  // fds: the soak's own lock descriptors left out
   for (const WeekRow& r : rows) {
     out << r.seed << ',' << r.runDays << ',' << r.clock << ',' << r.posts << ',' << r.bothRefused << ','
         << r.sizeRefused << ',' << r.gaveUp << ',' << r.retries << ',' << r.queue << ',' << r.pendingRecords << ','

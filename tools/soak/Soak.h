@@ -115,7 +115,7 @@ class SoakRun {
   std::unique_ptr<Service> m_service;
   ServiceState m_state = ServiceState::eNone;
   bool m_profileDisabled = false;
-  uint64_t m_expectedPasses = 0;
+  uint64_t m_expectedPasses = 0, m_passesAtStart = 0;
   uint32_t m_startedAt = 0;
 
   std::vector<std::unique_ptr<ModuleWriter>> m_writers;
