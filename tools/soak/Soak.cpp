@@ -73,8 +73,8 @@ uint64_t SoakRun::RunNow() const {
 bool SoakRun::Fail(const std::string& what) {
   if (!m_violation.empty()) return false;
   std::ostringstream text;
-  text << "seed " << m_seed << ", run day " << static_cast<double>(RunNow()) / kDaySeconds << " (clock " << Clock()
-       << "), after event " << m_nextEvent << " of " << m_schedule.size() << ": " << what
+  text << "seed " << m_seed << ", step " << m_steps << " at run day " << static_cast<double>(RunNow()) / kDaySeconds
+       << " (clock " << Clock() << "), after event " << m_nextEvent << " of " << m_schedule.size() << ": " << what
        << "\n  latest log records:\n"
        << m_bench.log.Tail();
   m_violation = text.str();
@@ -218,6 +218,7 @@ bool SoakRun::AwaitLoop(bool& parked) {
 }
 
 bool SoakRun::Step(uint32_t target, bool expiry) {
+  ++m_steps;
   m_rules.latest = std::max(m_rules.latest, target);
   SuiteClock::HoldAt(target);
   if (m_state == ServiceState::eLooping) {

@@ -106,6 +106,7 @@ class SoakRun {
   unsigned m_years;
   std::vector<Event> m_schedule;
   size_t m_nextEvent = 0;
+  uint64_t m_steps = 0;  // moves of the clock so far
   std::priority_queue<Ending, std::vector<Ending>, std::greater<Ending>> m_endings;
 
   uint32_t m_clockBase;
