@@ -15,13 +15,16 @@
 #include "PhoneHome/PhoneHomeAgent.h"
 
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/allocator_interface.h>
 #define OVF_SOAK_ASAN 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#include <sanitizer/allocator_interface.h>
 #define OVF_SOAK_ASAN 1
 #endif
+#endif
+
+#ifdef OVF_SOAK_ASAN
+// The sanitizer runtime's count of live heap bytes (its allocator interface; GCC installs no header for it).
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace soak {

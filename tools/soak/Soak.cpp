@@ -382,6 +382,7 @@ bool SoakRun::Apply(const Event& event) {
     case EventKind::eStopMidPost:
       if (m_state != ServiceState::eLooping || m_receiverFault[0] >= 0 || m_stopMidPostArmed) return skip();
       m_bench.primary.Control("hang count=1");
+      m_hungSeen = m_bench.primary.HungPosts();  // hangs of earlier faults are not this one
       m_stopMidPostArmed = true;
       return true;
     case EventKind::eDisable:
