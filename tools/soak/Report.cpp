@@ -76,6 +76,8 @@ void Totals::Add(const Totals& o) {
   stops += o.stops;
   maxStopCall = std::max(maxStopCall, o.maxStopCall);
   maxStopReturn = std::max(maxStopReturn, o.maxStopReturn);
+  midPostStops += o.midPostStops;
+  maxMidPostReturn = std::max(maxMidPostReturn, o.maxMidPostReturn);
   loopPasses += o.loopPasses;
   last = o.last;
 }
@@ -153,10 +155,12 @@ void PrintSummary(FILE* out, const Totals& t) {
           static_cast<unsigned long long>(t.badFiles[0]), static_cast<unsigned long long>(t.badFiles[1]),
           static_cast<unsigned long long>(t.badFiles[2]), static_cast<unsigned long long>(t.oversizeDumps),
           static_cast<unsigned long long>(t.oversizeThreats));
-  fprintf(out, "  service starts: %llu (%llu refused once after re-enabling, as described), stops: %llu; slowest "
-               "StopPhoneHome %.1f ms, slowest StartPhoneHome return after it %.1f ms\n",
+  fprintf(out, "  service starts: %llu (%llu refused once after re-enabling, as described), stops: %llu, %llu of them "
+               "while the primary held a post\n",
           static_cast<unsigned long long>(t.starts), static_cast<unsigned long long>(t.refusedStarts),
-          static_cast<unsigned long long>(t.stops), t.maxStopCall * 1000, t.maxStopReturn * 1000);
+          static_cast<unsigned long long>(t.stops), static_cast<unsigned long long>(t.midPostStops));
+  fprintf(out, "  slowest StopPhoneHome %.1f ms; slowest StartPhoneHome return after it %.1f ms (%.1f ms mid-post)\n",
+          t.maxStopCall * 1000, t.maxStopReturn * 1000, t.maxMidPostReturn * 1000);
   fprintf(out, "  module records: %llu written, %llu delivered, %llu still pending at the end\n",
           static_cast<unsigned long long>(t.written), static_cast<unsigned long long>(t.delivered),
           static_cast<unsigned long long>(t.pending));

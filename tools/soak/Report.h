@@ -43,7 +43,8 @@ struct Totals {
   uint64_t written = 0, delivered = 0, pending = 0;
   uint64_t lost[static_cast<size_t>(Loss::eCount)] = {};
   uint64_t starts = 0, refusedStarts = 0, stops = 0;
-  double maxStopCall = 0, maxStopReturn = 0;
+  uint64_t midPostStops = 0;  // stops made while the primary held a post
+  double maxStopCall = 0, maxStopReturn = 0, maxMidPostReturn = 0;
   uint64_t loopPasses = 0;
   ProcessSample first, last;  // the first seed's start, the last seed's end
 

@@ -166,13 +166,17 @@ bool SoakRun::StartService() {
   return false;
 }
 
-bool SoakRun::StopService(bool /*duringPost*/) {
+bool SoakRun::StopService(bool duringPost) {
   if (m_state == ServiceState::eNone) return true;
   double call = 0, back = 0;
   const bool inTime = m_service->Stop(kStopBound, call, back);
   ++m_totals.stops;
   m_totals.maxStopCall = std::max(m_totals.maxStopCall, call);
   m_totals.maxStopReturn = std::max(m_totals.maxStopReturn, back);
+  if (duringPost) {
+    ++m_totals.midPostStops;
+    m_totals.maxMidPostReturn = std::max(m_totals.maxMidPostReturn, back);
+  }
   if (!inTime) {
     char text[160];
     snprintf(text, sizeof text, "StartPhoneHome returned %.3f s after StopPhoneHome (call took %.3f s): over 1 s",
