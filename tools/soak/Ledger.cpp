@@ -28,7 +28,7 @@ void Ledger::Written(uint64_t id, size_t writer) {
   }
   m_state[id] = kOpen;
   m_writer[id] = static_cast<uint8_t>(writer);
-  m_open[id] = Open{writer, Place::eModule, std::string(), 0, LossCauses{}};
+  m_open[id] = Open{writer, Place::eModule, std::string(), 0, LossCauses{}, false};
   ++m_written;
 }
 
@@ -97,7 +97,11 @@ bool Ledger::Reconcile(const Where& where, const std::map<std::string, uint64_t>
     } else if (open.place == Place::eModule) {
       why = "record " + std::to_string(it->first) + " vanished from its module " + kModuleFiles[open.writer].key;
       return false;
-    } else if (!inFlight) {
+    } else if (inFlight) {
+      if (open.place == Place::eDataFile) open.takenWhileWaiting = true;
+    } else {
+      // Each cause only where it can act: an outbound file written over, a posture pair whose second file
+      // was locked, or data the agent held while its collection waited.
       Loss loss = Loss::eCount;
       if (open.place == Place::eOutbound) {
         auto writes = outboundWrites.find(open.file);
@@ -105,9 +109,9 @@ bool Ledger::Reconcile(const Where& where, const std::map<std::string, uint64_t>
       } else if (open.writer == kBasePostureWriter &&
                  causes.elevatedLockedPasses > open.causes.elevatedLockedPasses) {
         loss = Loss::ePostureWithLockedPair;
-      } else if (causes.rebuildsAfterWaiting > open.causes.rebuildsAfterWaiting) {
+      } else if (open.takenWhileWaiting && causes.rebuildsAfterWaiting > open.causes.rebuildsAfterWaiting) {
         loss = Loss::eRebuiltForDnsHash;
-      } else if (causes.stopsWhileWaiting > open.causes.stopsWhileWaiting) {
+      } else if (open.takenWhileWaiting && causes.stopsWhileWaiting > open.causes.stopsWhileWaiting) {
         loss = Loss::eStoppedWhileWaiting;
       }
       if (loss == Loss::eCount) {

@@ -38,8 +38,9 @@ class Ledger {
   // and `duplicate` when it had arrived before.
   bool Delivered(uint64_t id, const std::string& module, const std::string& tag, long value, bool& duplicate,
                  std::string& why);
-  // One look at where the undelivered records are. `inFlight` when a collection is waiting for a locked file
-  // (its earlier passes' data is in the agent). Returns false with why for a record gone in no described way.
+  // One look at where the undelivered records are. `inFlight` when a collection is waiting for a locked file:
+  // records gone from their data files are then in the agent, and judged once the collection is over. Returns
+  // false with why for a record gone in no described way.
   struct Where {
     std::vector<uint64_t> withModules, inDataFiles;
     std::map<std::string, std::vector<uint64_t>> outbound;  // file name -> records
@@ -62,6 +63,7 @@ class Ledger {
     std::string file;        // the outbound file, for eOutbound
     uint64_t fileWrites;     // how often that file had been written when the record was seen in it
     LossCauses causes;       // the counters when last seen
+    bool takenWhileWaiting;  // gone from its data file in a pass after which the collection waited
   };
   std::unordered_map<uint64_t, Open> m_open;
   std::vector<uint8_t> m_state;  // per id: 0 unknown, 1 open, 2 delivered, 3 lost

@@ -57,6 +57,7 @@ void Totals::Add(const Totals& o) {
   realSeconds += o.realSeconds;
   posts += o.posts;
   duplicates += o.duplicates;
+  duplicateRecords += o.duplicateRecords;
   feedbackFiles += o.feedbackFiles;
   bothRefused += o.bothRefused;
   sizeRefused += o.sizeRefused;
@@ -82,10 +83,14 @@ void Totals::Add(const Totals& o) {
   last = o.last;
 }
 
-bool WriteCsv(const std::string& path, const std::vector<WeekRow>& rows) {
-  std::ofstream out(path);
+bool WriteCsvHeader(std::ostream& out) {
+  // fds: the soak's own lock descriptors left out.
   out << "seed,run_days,clock,posts,failed_both_servers,failed_size,failed_gave_up,retries,queue_length,"
-         "records_pending,records_lost,rss_kib,heap_kib,fds\n";  // fds: the soak's own lock descriptors left out
+         "records_pending,records_lost,rss_kib,heap_kib,fds\n";
+  return static_cast<bool>(out.flush());
+}
+
+bool WriteCsvRows(std::ostream& out, const std::vector<WeekRow>& rows) {
   for (const WeekRow& r : rows) {
     out << r.seed << ',' << r.runDays << ',' << r.clock << ',' << r.posts << ',' << r.bothRefused << ','
         << r.sizeRefused << ',' << r.gaveUp << ',' << r.retries << ',' << r.queue << ',' << r.pendingRecords << ','
@@ -134,8 +139,9 @@ void PrintSummary(FILE* out, const Totals& t) {
   fprintf(out, "\nsoak summary: %llu seed(s), %.1f simulated years, %.1f s real (%.2f s per simulated year)\n",
           static_cast<unsigned long long>(t.seeds), t.years, t.realSeconds,
           t.years > 0 ? t.realSeconds / t.years : 0.0);
-  fprintf(out, "  posts stored by the receivers: %llu (%llu of them a second copy of a post cut by the time limit)\n",
-          static_cast<unsigned long long>(t.posts), static_cast<unsigned long long>(t.duplicates));
+  fprintf(out, "  posts stored by the receivers: %llu (%llu of them a file stored before, %llu records in those)\n",
+          static_cast<unsigned long long>(t.posts), static_cast<unsigned long long>(t.duplicates),
+          static_cast<unsigned long long>(t.duplicateRecords));
   fprintf(out, "  feedback files written: %llu; loop passes: %llu\n", static_cast<unsigned long long>(t.feedbackFiles),
           static_cast<unsigned long long>(t.loopPasses));
   fprintf(out, "  failed posts: %llu refused by both servers, %llu over the size limit, %llu given up; retry passes: %llu\n",

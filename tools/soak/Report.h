@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,7 @@ struct Totals {
   uint64_t seeds = 0;
   double years = 0;
   double realSeconds = 0;
-  uint64_t posts = 0, duplicates = 0, feedbackFiles = 0;
+  uint64_t posts = 0, duplicates = 0, duplicateRecords = 0, feedbackFiles = 0;
   uint64_t bothRefused = 0, sizeRefused = 0, gaveUp = 0, retries = 0;
   uint64_t events[static_cast<size_t>(EventKind::eCount)] = {};
   uint64_t skipped[static_cast<size_t>(EventKind::eCount)] = {};
@@ -51,7 +52,9 @@ struct Totals {
   void Add(const Totals& other);
 };
 
-bool WriteCsv(const std::string& path, const std::vector<WeekRow>& rows);
+// The CSV's header line, then the rows of one seed at a time.
+bool WriteCsvHeader(std::ostream& out);
+bool WriteCsvRows(std::ostream& out, const std::vector<WeekRow>& rows);
 // A small SVG of one seed's run: posts and failures, queue length, memory, over simulated days.
 bool WritePlot(const std::string& path, const std::vector<WeekRow>& rows, const std::string& title);
 void PrintYears(FILE* out, uint64_t seed, const std::vector<YearSample>& years);

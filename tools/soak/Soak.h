@@ -7,6 +7,7 @@
 #include <queue>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Host.h"
@@ -137,6 +138,7 @@ class SoakRun {
   int m_receiverFault[2] = {-1, -1};  // the fault each receiver is answering with, or -1
   bool m_stopMidPostArmed = false;
   size_t m_hungSeen = 0;
+  std::unordered_set<size_t> m_postedBodies;  // hashes of the bodies the receivers stored
   std::vector<Drop> m_drops;
   uint64_t m_dropSerial = 0;
   bool m_oversizeLeft = false;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,12 +73,16 @@ int main(int argc, char** argv) {
     soak::LoopView loop;
     soak::Bench bench{library, primary, secondary, log, loop, work, verbose};
     soak::Totals totals;
-    std::vector<soak::WeekRow> rows;
+    std::ofstream csvFile;
+    if (!csv.empty()) {
+      csvFile.open(csv);
+      if (!soak::WriteCsvHeader(csvFile)) throw std::runtime_error("cannot write " + csv);
+    }
     bool ok = true;
     for (uint64_t s = seed; s < seed + seeds && ok; ++s) {
       soak::SoakRun run(bench, s, years);
       ok = run.Run();
-      rows.insert(rows.end(), run.Rows().begin(), run.Rows().end());
+      if (csvFile.is_open()) soak::WriteCsvRows(csvFile, run.Rows());
       if (!plot.empty() && s == seed) {
         soak::WritePlot(plot, run.Rows(), "ovfeedback-soak seed " + std::to_string(s) + ", " + std::to_string(years) +
                                               " simulated year(s)");
@@ -91,7 +97,6 @@ int main(int argc, char** argv) {
       }
       fflush(stdout);
     }
-    if (!csv.empty()) soak::WriteCsv(csv, rows);
     soak::PrintSummary(stdout, totals);
     return ok ? 0 : 1;
   } catch (const std::exception& e) {
