@@ -48,7 +48,7 @@ class Ledger {
   bool Reconcile(const Where& where, const std::map<std::string, uint64_t>& outboundWrites,
                  const LossCauses& causes, bool inFlight, std::string& why);
 
-  uint64_t Written() const { return m_written; }
+  uint64_t WrittenCount() const { return m_written; }
   uint64_t DeliveredCount() const { return m_delivered; }
   uint64_t Duplicates() const { return m_duplicates; }
   uint64_t Lost(Loss loss) const { return m_lost[static_cast<size_t>(loss)]; }

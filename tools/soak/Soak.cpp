@@ -704,7 +704,7 @@ bool SoakRun::Run() {
   m_totals.bothRefused = m_bench.log.Count(kBothRefused) - m_logBase[0];
   m_totals.sizeRefused = m_bench.log.Count(kSizeRefused) - m_logBase[1];
   m_totals.gaveUp = m_bench.log.Count(kGaveUp) - m_logBase[2];
-  m_totals.written = m_ledger.Written();
+  m_totals.written = m_ledger.WrittenCount();
   m_totals.delivered = m_ledger.DeliveredCount();
   m_totals.pending = m_ledger.Pending();
   for (size_t i = 0; i < static_cast<size_t>(Loss::eCount); ++i) m_totals.lost[i] = m_ledger.Lost(static_cast<Loss>(i));
