@@ -39,5 +39,10 @@ SC_API void ReleaseHold();
 SC_API bool WaitUntilParked(std::chrono::milliseconds realBound);
 // Simulated clock only (false otherwise): moves time forward by `step`, stopping at the hold when one is set.
 SC_API bool AdvanceBy(std::chrono::milliseconds step);
+// Simulated clock only (false otherwise): sets time to `moment`, earlier or later, as when a machine's clock is
+// set; a held clock is held at `moment`. Waits in progress end with a time-out, so a loop measures its timers'
+// absolute deadlines against the new time at once: those now past run, the others are further off or nearer.
+// A park before the change does not count for WaitUntilParked.
+SC_API bool SetSimulatedTime(uint32_t moment);
 
 }  // namespace SuiteClock

@@ -33,7 +33,7 @@ struct ClockState {
   uint64_t simulatedMs = 0;
   bool held = false;
   uint64_t holdMs = 0;
-  uint64_t modeEpoch = 0;  // bumped by every mode change: waits in progress end
+  uint64_t modeEpoch = 0;  // bumped by every mode change and every setting of the time: waits in progress end
   uint64_t holdEpoch = 0;  // bumped by every hold change: earlier parks stop counting
   unsigned int parkedWaits = 0;
 };
@@ -210,6 +210,22 @@ bool AdvanceBy(std::chrono::milliseconds step) {
   uint64_t target = CapAdd(s.simulatedMs, static_cast<uint64_t>(step.count()));
   if (s.held) target = std::min(target, std::max(s.holdMs, s.simulatedMs));
   s.simulatedMs = std::max(s.simulatedMs, target);
+  return true;
+}
+
+bool SetSimulatedTime(uint32_t moment) {
+  ClockState& s = State();
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.mode != EMode::eSimulated) return false;
+    s.simulatedMs = uint64_t{moment} * 1000;
+    if (s.held) s.holdMs = s.simulatedMs;
+    // A wait's deadline was reckoned from the old time; ending it makes the loop reckon again.
+    ++s.modeEpoch;
+    ++s.holdEpoch;
+    s.parkedWaits = 0;
+  }
+  s.wake.notify_all();
   return true;
 }
 

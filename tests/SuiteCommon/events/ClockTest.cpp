@@ -1,13 +1,17 @@
-// The clock's three modes. How a loop parks at a hold, with every timer due by then run, is seen where the
-// feedback agent's own loop runs weeks of its schedule (tests/integration).
+// The clock's three modes, and a simulated clock set back and forward under a loop shaped like the feedback
+// agent's. How a loop parks at a hold over weeks of schedule is seen on the agent's own loop (tests/integration).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Clock.h"
 #include "EventList.h"
+#include "TimerList.h"
 
 using namespace std::chrono_literals;
 
@@ -15,10 +19,41 @@ namespace {
 
 constexpr uint32_t kStart = 1700000000;
 constexpr uint32_t kDay = 86400;
+constexpr uint32_t kInterval = 30 * kDay;
+using Fired = std::vector<std::pair<unsigned long, uint32_t>>;  // timer id, clock seconds
 
 class RuntimeClock : public ::testing::Test {
  protected:
   void TearDown() override { SuiteClock::UseRealTime(); }
+};
+
+// The agent's loop: starter timer 2 after 5 minutes, feedback timer 3 after 10 minutes and then every 30 days,
+// a wake-up event for stop.
+struct Loop : ITimerCB, IEventCB {
+  CTimerList timers;
+  CEventList events;
+  long err = -1;
+  CTimer starter{err, &timers, this, nullptr, 2}, feedback{err, &timers, this, nullptr, 3};
+  CCEvent wakeup{err, &events, EVENT_TYPE_AUTO_RESET, this, nullptr, 1, 0, -1, nullptr};
+  std::atomic<bool> stop{false};
+  Fired fired;  // read only while the loop is parked (the clock's lock orders it) or joined
+
+  void OnTimerExpired(void*, unsigned long id) override {
+    fired.emplace_back(id, GetCurrentTimeSeconds());
+    if (id == 3) feedback.StartTimer(kInterval * 1000);
+  }
+  void OnEventSignaled(void*, unsigned long) override {}
+  long Run() {
+    starter.StartTimer(300000);
+    feedback.StartTimer(600000);
+    for (;;) {
+      unsigned int wait = 0;
+      if (timers.TimeToExpired(wait) != 0) wait = 86400;
+      long rc = events.WaitOnEvents(wait, true);
+      if (rc != 0 && rc != EVT_E_TIMEOUT) return rc;
+      if ((rc = timers.CheckExpired()) != 0 || stop) return rc;
+    }
+  }
 };
 
 }  // namespace
@@ -69,4 +104,42 @@ TEST_F(RuntimeClock, SimulatedTimeMovesOnlyThroughWaitsAndStopsAtTheHold) {
     EXPECT_FALSE(SuiteClock::WaitUntilParked(30ms)) << simulated;
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms) << simulated;
   }
+}
+
+// Setting a held simulated clock back and forward, as an administrator sets a machine's clock: the parked loop
+// wakes once, measures its absolute deadlines against the new time and parks at it; a timer that is now past
+// runs at once, one that lies further off waits the longer.
+TEST_F(RuntimeClock, SettingSimulatedTimeBackAndForwardWakesTheLoopOnce) {
+  SuiteClock::UseRealTime();
+  EXPECT_FALSE(SuiteClock::SetSimulatedTime(kStart)) << "only a simulated clock can be set";
+  SuiteClock::UseSimulated(kStart);
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart + 700));
+  Loop loop;
+  ASSERT_EQ(loop.err, 0);
+  std::thread worker([&] { loop.Run(); });
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  Fired expected = {{2, kStart + 300}, {3, kStart + 600}};
+  ASSERT_EQ(loop.fired, expected);
+  const uint64_t passes = loop.events.GetWaitCount();
+
+  // A day back: the next feedback, due at kStart + 600 + kInterval, is a day further off; nothing runs.
+  ASSERT_TRUE(SuiteClock::SetSimulatedTime(kStart - kDay));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  EXPECT_EQ(GetCurrentTimeSeconds(), kStart - kDay) << "held at the new moment";
+  EXPECT_EQ(loop.fired, expected);
+  EXPECT_EQ(loop.events.GetWaitCount(), passes + 1);
+  ASSERT_TRUE(SuiteClock::HoldAt(kStart + 600 + kInterval - 1));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  EXPECT_EQ(loop.fired, expected);
+
+  // Forward past that deadline: the overdue timer runs in the one pass the change causes.
+  ASSERT_TRUE(SuiteClock::SetSimulatedTime(kStart + 600 + kInterval + kDay));
+  ASSERT_TRUE(SuiteClock::WaitUntilParked(30s));
+  expected.emplace_back(3, kStart + 600 + kInterval + kDay);
+  EXPECT_EQ(loop.fired, expected);
+  EXPECT_EQ(loop.events.GetWaitCount(), passes + 2);
+
+  loop.stop = true;
+  loop.wakeup.SetEvent(false);
+  worker.join();
 }
