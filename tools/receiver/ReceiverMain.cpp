@@ -144,6 +144,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   server.set_payload_max_length(64u << 20);
+  // A client waits for the answer to its whole post; Nagle's algorithm would hold that short answer back for the
+  // client's delayed acknowledgement, some 40 ms a post.
+  server.set_tcp_nodelay(true);
   FeedbackReceiver receiver(options.store);
   receiver.Install(server);
 
