@@ -2,31 +2,22 @@
 // configuration pointed at it.
 #include "TlsTestEnv.h"
 
-#include <fcntl.h>
 #include <openssl/pem.h>
-#include <openssl/ssl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
 #include <string_view>
 
 #include "RuntimeConfig.h"
 #include "TestPki.h"
-#include "WaitFor.h"
 
 #ifndef OVF_RECEIVER_PATH
 #define OVF_RECEIVER_PATH ""
 #endif
-
-extern char** environ;
 
 namespace {
 
@@ -58,7 +49,7 @@ TlsTestEnv::TlsTestEnv(TestCert cert)
 }
 
 TlsTestEnv::~TlsTestEnv() {
-  Stop();
+  receiver_.reset();
   SuiteRuntime::SetTrustedCAFile(savedCAFile_);
   SuiteRuntime::SetConnectTo(savedConnectTo_);
 }
@@ -71,57 +62,18 @@ std::string TlsTestEnv::CertFile(TestCert cert) {
 }
 
 void TlsTestEnv::Restart(TestCert cert) {
-  Stop();
+  receiver_.reset();
   Start(cert);
   MapHosts();
 }
 
 void TlsTestEnv::Start(TestCert cert) {
   static int starts = 0;
-  std::string receiver = OVF_RECEIVER_PATH;
+  const std::string receiver = OVF_RECEIVER_PATH;
   if (receiver.empty() || access(receiver.c_str(), X_OK) != 0) Fail("receiver binary not found at '" + receiver + "'");
-  std::string portFile = dir_.File("port-" + std::to_string(++starts)), logFile = dir_.File("receiver.log"),
-              certFile = CertFile(cert), keyFile = PkiFile(TestPki::kServerKeyFile), port = "0",
-              exit = "--exit-with-parent";
-  std::string options[] = {"--cert", "--key", "--store", "--port", "--port-file"};
-  char* argv[] = {receiver.data(), options[0].data(), certFile.data(), options[1].data(), keyFile.data(),
-                  options[2].data(), storeDir_.data(), options[3].data(), port.data(), options[4].data(),
-                  portFile.data(), exit.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-  const int spawned = posix_spawn(&pid_, receiver.c_str(), &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) {
-    pid_ = -1;
-    Fail("cannot start " + receiver);
-  }
-  bool exited = false;
-  const bool listening = WaitFor([&] {
-    long value = 0;
-    if (std::ifstream(portFile) >> value && value > 0 && value <= 65535) return port_ = static_cast<unsigned short>(value), true;
-    int status = 0;
-    return exited = waitpid(pid_, &status, WNOHANG) == pid_;
-  });
-  if (exited) pid_ = -1;
-  if (!listening || exited) {
-    Stop();
-    Fail(std::string(exited ? "receiver exited at start:\n" : "receiver did not start listening:\n") +
-         TempDir::Read(logFile));
-  }
-}
-
-void TlsTestEnv::Stop() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  int status = 0;
-  if (!WaitFor([&] { return waitpid(pid_, &status, WNOHANG) != 0; }, std::chrono::seconds(10))) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
-  }
-  pid_ = -1;
-  port_ = 0;
+  receiver_ = std::make_unique<ReceiverProcess>(
+      receiver, ReceiverProcess::Files{CertFile(cert), PkiFile(TestPki::kServerKeyFile), storeDir_,
+                                       dir_.File("receiver.log"), dir_.File("port-" + std::to_string(++starts))});
 }
 
 void TlsTestEnv::MapHosts() {
@@ -131,29 +83,9 @@ void TlsTestEnv::MapHosts() {
     entries.erase(std::remove_if(entries.begin(), entries.end(),
                                  [&](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; }),
                   entries.end());
-    entries.push_back(prefix + "127.0.0.1:" + std::to_string(port_));
+    entries.push_back(prefix + "127.0.0.1:" + std::to_string(Port()));
   }
   SuiteRuntime::SetConnectTo(entries);
-}
-
-void TlsTestEnv::Control(const std::string& command) const {
-  // The receiver is our own child; its certificate is not what is under test here.
-  std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
-  std::unique_ptr<BIO, decltype(&BIO_free_all)> bio(ctx ? BIO_new_ssl_connect(ctx.get()) : nullptr, BIO_free_all);
-  const std::string address = "127.0.0.1:" + std::to_string(port_);
-  if (!bio || BIO_set_conn_hostname(bio.get(), address.c_str()) <= 0 || BIO_do_connect(bio.get()) <= 0) {
-    Fail("cannot reach the receiver at " + address);
-  }
-  const std::string request = "POST /control HTTP/1.1\r\nHost: " + address +
-                              "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
-                              std::to_string(command.size()) + "\r\n\r\n" + command;
-  if (BIO_write(bio.get(), request.data(), static_cast<int>(request.size())) != static_cast<int>(request.size())) {
-    Fail("cannot send a command to the receiver");
-  }
-  std::string answer;
-  char buffer[1024];
-  for (int n; (n = BIO_read(bio.get(), buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
-  if (answer.compare(0, 12, "HTTP/1.1 200") != 0) Fail("receiver refused '" + command + "': " + answer);
 }
 
 void TlsTestEnv::RespondStatus(int status, int count) {

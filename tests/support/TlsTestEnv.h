@@ -6,9 +6,11 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "ReceiverProcess.h"
 #include "TempDir.h"
 
 // The certificate the receiver presents. All are PEM files sharing one server key.
@@ -46,7 +48,7 @@ class TlsTestEnv {
   TlsTestEnv(const TlsTestEnv&) = delete;
   TlsTestEnv& operator=(const TlsTestEnv&) = delete;
 
-  unsigned short Port() const { return port_; }
+  unsigned short Port() const { return receiver_ ? receiver_->Port() : 0; }
   // Serves another certificate from a new receiver process (new port, same store, pending behaviour dropped);
   // the connect-to entries follow the new port.
   void Restart(TestCert cert);
@@ -75,14 +77,12 @@ class TlsTestEnv {
 
  private:
   void Start(TestCert cert);
-  void Stop();
-  void Control(const std::string& command) const;
+  void Control(const std::string& command) const { receiver_->Control(command); }
   void MapHosts();
 
   TempDir dir_;
   std::string storeDir_;
-  pid_t pid_ = -1;
-  unsigned short port_ = 0;
+  std::unique_ptr<ReceiverProcess> receiver_;
   std::string savedCAFile_;
   std::vector<std::string> savedConnectTo_;
 };

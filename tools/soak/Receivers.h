@@ -3,10 +3,10 @@
 // control endpoint how to answer.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
+
+#include "ReceiverProcess.h"
 
 namespace soak {
 
@@ -15,16 +15,15 @@ class Receiver {
   // Serves `hostName` from a receiver process storing posts below `dir`; throws std::runtime_error when it
   // does not come up.
   Receiver(const std::string& binary, const std::string& pkiDir, const std::string& dir, const std::string& hostName);
-  ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
   const std::string& HostName() const { return m_host; }
-  unsigned short Port() const { return m_port; }
+  unsigned short Port() const { return m_process.Port(); }
   // The connect-to entry that sends the host's port 443 here.
   std::string ConnectTo() const;
   // One control command ("status code=503 count=1000", "hang count=2", "reset", ...); throws when refused.
-  void Control(const std::string& command) const;
+  void Control(const std::string& command) const { m_process.Control(command); }
   // Bodies of the posts stored since the last call, in arrival order.
   std::vector<std::string> TakeNewPosts();
   // How many posts the receiver has left unanswered so far (its log says so for each).
@@ -34,12 +33,11 @@ class Receiver {
   std::string m_host;
   std::string m_store;
   std::string m_log;
-  pid_t m_pid = -1;
-  unsigned short m_port = 0;
+  ReceiverProcess m_process;
   unsigned m_nextPost = 1;
 };
 
 // Writes the receiver's throw-away PKI into `dir`; the CA file is dir + "/ca.pem".
-void MakeTestPki(const std::string& binary, const std::string& dir);
+void MakeTestPki(const std::string& dir);
 
 }  // namespace soak

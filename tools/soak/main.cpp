@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   try {
     std::filesystem::create_directories(work);
     const std::string pki = work + "/pki";
-    soak::MakeTestPki(receiverBinary, pki);
+    soak::MakeTestPki(pki);
     soak::Receiver primary(receiverBinary, pki, work + "/primary", HostOf(OVF_PRIMARY_URL));
     soak::Receiver secondary(receiverBinary, pki, work + "/secondary", HostOf(OVF_SECONDARY_URL));
     SuiteRuntime::SetTrustedCAFile(pki + "/ca.pem");
